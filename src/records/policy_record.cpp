@@ -1,0 +1,403 @@
+#include "records/policy_record.h"
+
+#include "cli/dispatch.h"
+#include "support/sys_call.h"
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+bool cSpace(unsigned char c)
+{
+    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+
+int digitValue(unsigned char c, bool hex)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (hex && c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (hex && c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
+// A cursor over NUL-terminated text that converts integers and matches
+// literal characters the way glibc's scanf does, including its odd corners:
+// leading white space, a sign, a "0x" prefix that is consumed even when no
+// digit follows, field widths that count the sign and the prefix, and
+// out-of-range values clamped as strtoul/strtol clamp them.
+class ScanfCursor {
+public:
+    explicit ScanfCursor(const char* text) : p_(text) {}
+
+    // Values stored so far, or -1 when the input ran out before the first.
+    int result() const { return inputFailed_ && stored_ == 0 ? -1 : stored_; }
+    bool failed() const { return failed_; }
+
+    // One integer conversion; `width` < 0 means none. Returns false when the
+    // scan stops here.
+    bool number(int width, bool hex)
+    {
+        if (failed_)
+            return false;
+        while (cSpace(static_cast<unsigned char>(*p_)))
+            ++p_;
+        if (*p_ == '\0')
+            return stop(true);
+        neg_ = false;
+        mag_ = 0;
+        overflow_ = false;
+        int digits = 0;
+        if (*p_ == '-' || *p_ == '+') {
+            neg_ = *p_ == '-';
+            ++p_;
+            if (width > 0)
+                --width;
+        }
+        if (width != 0 && *p_ == '0') {
+            if (width > 0)
+                --width;
+            ++p_;
+            digits = 1;
+            if (hex && width != 0 && (*p_ == 'x' || *p_ == 'X')) {
+                if (width > 0)
+                    --width;
+                ++p_;
+            }
+        }
+        while (*p_ != '\0' && width != 0) {
+            int v = digitValue(static_cast<unsigned char>(*p_), hex);
+            if (v < 0)
+                break;
+            unsigned long long base = hex ? 16 : 10;
+            if (mag_ > (ULLONG_MAX - static_cast<unsigned>(v)) / base)
+                overflow_ = true;
+            else
+                mag_ = mag_ * base + static_cast<unsigned>(v);
+            ++digits;
+            ++p_;
+            if (width > 0)
+                --width;
+        }
+        if (digits == 0)
+            return stop(false);
+        return true;
+    }
+
+    // The last number as strtoull gives it.
+    unsigned long long asUnsigned() const
+    {
+        if (overflow_)
+            return ULLONG_MAX;
+        return neg_ ? 0ULL - mag_ : mag_;
+    }
+
+    // The last number as strtol gives it, truncated to int as scanf's %d stores it.
+    int asInt() const
+    {
+        long value;
+        if (!neg_)
+            value = (overflow_ || mag_ > static_cast<unsigned long long>(LONG_MAX)) ? LONG_MAX
+                                                                                     : static_cast<long>(mag_);
+        else if (overflow_ || mag_ > static_cast<unsigned long long>(LONG_MAX) + 1ULL)
+            value = LONG_MIN;
+        else
+            value = static_cast<long>(0ULL - mag_);
+        return static_cast<int>(static_cast<unsigned int>(static_cast<unsigned long>(value)));
+    }
+
+    void stored() { ++stored_; }
+
+    bool literal(char c)
+    {
+        if (failed_)
+            return false;
+        if (*p_ == '\0')
+            return stop(true);
+        if (*p_ != c)
+            return stop(false);
+        ++p_;
+        return true;
+    }
+
+private:
+    bool stop(bool inputFailure)
+    {
+        failed_ = true;
+        inputFailed_ = inputFailure;
+        return false;
+    }
+
+    const char* p_;
+    int stored_ = 0;
+    bool failed_ = false;
+    bool inputFailed_ = false;
+    bool neg_ = false;
+    bool overflow_ = false;
+    unsigned long long mag_ = 0;
+};
+
+// Enlarges a caller's buffer to hold `need` bytes: to twice its size, or to
+// `need` when that is more.
+bool growToFit(char** buf, int* size, long long need)
+{
+    if (need <= *size)
+        return true;
+    long long target = 2LL * *size;
+    if (target < need)
+        target = need;
+    if (target > INT_MAX)
+        return false;
+    void* p = sysRealloc(*buf, static_cast<size_t>(target));
+    if (p == nullptr)
+        return false;
+    *buf = static_cast<char*>(p);
+    *size = static_cast<int>(target);
+    return true;
+}
+
+bool startsWith(const char* text, const char* prefix, size_t prefixLen)
+{
+    return std::strncmp(text, prefix, prefixLen) == 0;
+}
+
+bool isHeaderLine(const char* line)
+{
+    return startsWith(line, SHADOW_MAGIC, sizeof SHADOW_MAGIC - 1)
+           || startsWith(line, SHADOW_COMMENT_TAG, sizeof SHADOW_COMMENT_TAG - 1);
+}
+
+long long absLength(int length)
+{
+    return length < 0 ? -static_cast<long long>(length) : length;
+}
+
+} // namespace
+
+int scanRecordHead(const char* text, uint64_t* ino, uint64_t* gen, unsigned int* flag, int* pathLen)
+{
+    ScanfCursor in(text);
+    // %*x:%*llx:
+    if (!in.number(-1, true) || !in.literal(':') || !in.number(-1, true) || !in.literal(':'))
+        return in.result();
+    // %016llx:
+    if (!in.number(16, true))
+        return in.result();
+    *ino = in.asUnsigned();
+    in.stored();
+    // %llx:
+    if (!in.literal(':') || !in.number(-1, true))
+        return in.result();
+    *gen = in.asUnsigned();
+    in.stored();
+    // :%*llx:%*x:%*x:
+    if (!in.literal(':') || !in.number(-1, true) || !in.literal(':') || !in.number(-1, true)
+        || !in.literal(':') || !in.number(-1, true) || !in.literal(':'))
+        return in.result();
+    // %x: — scanf's %x goes through strtoul and keeps the low 32 bits.
+    if (!in.number(-1, true))
+        return in.result();
+    *flag = static_cast<unsigned int>(in.asUnsigned());
+    in.stored();
+    // %d (what follows it cannot change the count)
+    if (!in.literal(':') || !in.number(-1, false))
+        return in.result();
+    *pathLen = in.asInt();
+    in.stored();
+    return in.result();
+}
+
+int scanLengthField(const char* text, int* length)
+{
+    ScanfCursor in(text);
+    if (!in.number(-1, false))
+        return in.result();
+    *length = in.asInt();
+    in.stored();
+    return in.result();
+}
+
+bool isInternalPath(const char* path)
+{
+    return std::strcmp(path, ".") == 0 || startsWith(path, ".kestrel", 8)
+           || startsWith(path, ".execScript", 11);
+}
+
+int readPolicyRecord(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t* ino, uint64_t* gen,
+                     char** pathBuf, int* pathBufSize, char** showBuf, int* showBufSize,
+                     char** filesetName, char** hsmState, unsigned int* endOfFile, int* state,
+                     int* escapedPath)
+{
+    return readPolicyRecordLen(stream, lineBuf, lineBufSize, ino, gen, pathBuf, pathBufSize, showBuf,
+                               showBufSize, filesetName, hsmState, endOfFile, state, escapedPath,
+                               nullptr);
+}
+
+int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t* ino, uint64_t* gen,
+                        char** pathBuf, int* pathBufSize, char** showBuf, int* showBufSize,
+                        char** filesetName, char** hsmState, unsigned int* endOfFile, int* state,
+                        int* escapedPath, size_t* lineLength)
+{
+    if (escapedPath != nullptr)
+        *escapedPath = 0;
+    *endOfFile = 0;
+    if (filesetName != nullptr)
+        *filesetName = nullptr;
+    if (hsmState != nullptr)
+        *hsmState = nullptr;
+
+    // Take the next line that is not a header line, growing the buffer for
+    // a line that does not fit and reading it again from its start.
+    char* line;
+    size_t len;
+    for (;;) {
+        line = *lineBuf;
+        int size = *lineBufSize;
+        if (size < 2) {
+            if (!growToFit(lineBuf, lineBufSize, 2)) {
+                std::fprintf(stderr, "quenby: failed to realloc memory for line %s\n", "");
+                return -1;
+            }
+            continue;
+        }
+        if (fgets_unlocked(line, size, stream) == nullptr || feof_unlocked(stream)) {
+            *endOfFile = 1;
+            return 0;
+        }
+        len = std::strlen(line);
+        if (len == static_cast<size_t>(size) - 1 && line[len - 1] != '\n') {
+            if (size > INT_MAX / 2 || !growToFit(lineBuf, lineBufSize, 2LL * size)) {
+                std::fprintf(stderr, "quenby: failed to realloc memory for line %s\n", line);
+                return -1;
+            }
+            int rc = sysFseeko(stream, -static_cast<off_t>(len), SEEK_CUR);
+            if (rc != 0)
+                return rc;
+            continue;
+        }
+        if (isHeaderLine(line))
+            continue;
+        break;
+    }
+    if (lineLength != nullptr)
+        *lineLength = len;
+    const char* lineEnd = line + len;
+
+    unsigned int flag = 0;
+    int pathLen = 0;
+    if (scanRecordHead(line, ino, gen, &flag, &pathLen) < 4 || pathLen < -4096) {
+        std::fprintf(stderr, "quenby: failed to parse shadow line [1]%s\n", line);
+        return -1;
+    }
+    bool pathEscaped = pathLen < 0;
+    if (pathEscaped) {
+        if (escapedPath != nullptr)
+            *escapedPath = 1;
+        pathLen = -pathLen;
+    }
+
+    const char* bang = std::strchr(line, '!');
+    if (bang == nullptr) {
+        std::fprintf(stderr, "quenby: failed to find file path in %s\n", line);
+        return -1;
+    }
+    const char* path = bang + 1;
+    if ((path - line) + static_cast<long long>(pathLen) > *lineBufSize) {
+        std::fprintf(stderr, "quenby: invalid file path length %d in %s\n", pathLen, line);
+        return -1;
+    }
+    if (lineEnd - path < pathLen) {
+        std::fprintf(stderr, "quenby: file path length %d larger than %s\n", pathLen, line);
+        return -1;
+    }
+    if (!growToFit(pathBuf, pathBufSize, static_cast<long long>(pathLen) + 1)) {
+        std::fprintf(stderr, "quenby: failed to realloc memory for line %s\n", line);
+        return -1;
+    }
+    std::memcpy(*pathBuf, path, static_cast<size_t>(pathLen));
+    (*pathBuf)[pathLen] = '\0';
+
+    // Storage pool: read over.
+    const char* p = path + pathLen;
+    if (*p != '\0')
+        ++p;
+    int poolLen = 0;
+    if (scanLengthField(p, &poolLen) < 1) {
+        std::fprintf(stderr, "quenby: failed to parse shadow line [2]%s\n", line);
+        return -1;
+    }
+    long long poolSize = absLength(poolLen);
+    const char* poolBang = std::strchr(p, '!');
+    if (poolBang == nullptr) {
+        std::fprintf(stderr, "quenby: failed to find storage pool in %s\n", line);
+        return -1;
+    }
+    if (lineEnd - (poolBang + 1) < poolSize) {
+        std::fprintf(stderr, "quenby: invalid storage pool length %lld in %s\n", poolSize, line);
+        return -1;
+    }
+
+    // SHOW attribute.
+    p = poolBang + 1 + poolSize;
+    if (*p != '\0')
+        ++p;
+    int showLen = 0;
+    if (scanLengthField(p, &showLen) < 1) {
+        std::fprintf(stderr, "quenby: failed to parse shadow line [3]%s\n", line);
+        return -1;
+    }
+    long long showSize = absLength(showLen);
+    const char* showBang = std::strchr(p, '!');
+    if (showBang == nullptr) {
+        std::fprintf(stderr, "quenby: failed to find show attribute in %s\n", line);
+        return -1;
+    }
+    if (lineEnd - (showBang + 1) < showSize) {
+        std::fprintf(stderr, "quenby: invalid show attribute length %lld in %s\n", showSize, line);
+        return -1;
+    }
+    if (!growToFit(showBuf, showBufSize, showSize + 1)) {
+        std::fprintf(stderr, "quenby: failed to realloc memory for line %s\n", line);
+        return -1;
+    }
+    if (state != nullptr)
+        *state = static_cast<int>(flag);
+    char* show = *showBuf;
+    std::memcpy(show, showBang + 1, static_cast<size_t>(showSize));
+    show[showSize] = '\0';
+
+    // Fields 1 to 5 stay at the front of the SHOW buffer; 6 and 7 are cut off.
+    char* blank = show - 1;
+    for (int i = 0; i < 5; ++i) {
+        blank = std::strchr(blank + 1, ' ');
+        if (blank == nullptr) {
+            std::fprintf(stderr, "quenby: invalid show attribute in %s\n", line);
+            return -1;
+        }
+    }
+    *blank = '\0';
+    if (filesetName == nullptr || hsmState == nullptr)
+        return 0;
+    *filesetName = blank + 1;
+    char* next = std::strchr(blank + 1, ' ');
+    if (next != nullptr) {
+        *next = '\0';
+        *hsmState = next + 1;
+    }
+
+    const char* recordPath = *pathBuf;
+    if (!migDiff) {
+        if (std::memchr(recordPath, UnsupQBSCharList[0], static_cast<size_t>(pathLen)) != nullptr
+            || std::memchr(recordPath, UnsupQBSCharList[1], static_cast<size_t>(pathLen)) != nullptr)
+            return PDR_UNSUPPORTED;
+        if (pathEscaped && std::strstr(recordPath, UnsupEscCharList) != nullptr)
+            return PDR_UNSUPPORTED;
+    }
+    if (isInternalPath(recordPath))
+        return PDR_INTERNAL;
+    return 0;
+}

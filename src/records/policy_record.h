@@ -1,0 +1,94 @@
+// The record line shared by shadow databases and policy scan lists, the
+// shadow database's header constants, the record flags, and the reader.
+#pragma once
+
+#include "support/file_stream.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+
+using offset_t = int64_t;
+
+// Record flags: the last hexadecimal digit of field 8.
+constexpr int PDR_NORMAL = 0x0;
+constexpr int PDR_METACH = 0xa;
+constexpr int PDR_BACKUP = 0xb;
+constexpr int PDR_CHANGE = 0xc;
+constexpr int PDR_DELETE = 0xd;
+constexpr int PDR_EXPIRE = 0xe;
+
+// Header block of a shadow database.
+inline constexpr char SHADOW_MAGIC[] = "%%mshadow0%%";
+inline constexpr char SHADOW_COMMENT_TAG[] = "%%shadow%%";
+inline constexpr char SHADOW_FORMAT_VERSION[] = "1400";
+inline constexpr char SHADOW_COMMENT_LINES[] =
+    "%%shadow%%:03_COMMENT::1:\n"
+    "%%shadow%%:03_COMMENT::2:   This is a machine generated file.\n"
+    "%%shadow%%:03_COMMENT::3:   Do not delete or edit!\n"
+    "%%shadow%%:03_COMMENT::4:\n";
+
+// Bytes the backup server cannot take in a path, and the escaped line feed
+// that it cannot take in an escaped path.
+inline constexpr char UnsupQBSCharList[] = "\x18\x19";
+inline constexpr char UnsupEscCharList[] = "\\n";
+
+// Initial sizes of the reader's buffers.
+constexpr int PDR_LINE_BUF_SIZE = 8192;
+constexpr int PDR_PATH_BUF_SIZE = 4096;
+constexpr int PDR_SHOW_BUF_SIZE = 255;
+
+// Results of readPolicyRecord besides 0 and -1.
+constexpr int PDR_UNSUPPORTED = 2;
+constexpr int PDR_INTERNAL = 3;
+
+// Reads the next record; see the header comment of the definition.
+int readPolicyRecord(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t* ino, uint64_t* gen,
+                     char** pathBuf, int* pathBufSize, char** showBuf, int* showBufSize,
+                     char** filesetName, char** hsmState, unsigned int* endOfFile, int* state,
+                     int* escapedPath);
+
+// The same, also giving the length of the line as read (line feed included).
+int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t* ino, uint64_t* gen,
+                        char** pathBuf, int* pathBufSize, char** showBuf, int* showBufSize,
+                        char** filesetName, char** hsmState, unsigned int* endOfFile, int* state,
+                        int* escapedPath, size_t* lineLength);
+
+// The record's head "%*x:%*llx:%016llx:%llx:%*llx:%*x:%*x:%x:%d!%*s" parsed
+// exactly as sscanf parses it; returns the number of values stored (0 to 4).
+int scanRecordHead(const char* text, uint64_t* ino, uint64_t* gen, unsigned int* flag, int* pathLen);
+// "%d!%*s" as sscanf parses it; returns the number of values stored (0 or 1).
+int scanLengthField(const char* text, int* length);
+
+// True for "." and paths beginning with ".kestrel" or ".execScript".
+bool isInternalPath(const char* path);
+
+// One side of a merge: the reader's buffers and outputs for the current record.
+struct PolicyRecord {
+    HeapBuf line;
+    HeapBuf path;
+    HeapBuf show;
+    size_t lineLength = 0;
+    uint64_t ino = 0;
+    uint64_t gen = 0;
+    char* filesetName = nullptr;
+    char* hsmState = nullptr;
+    unsigned int endOfFile = 0;
+    int state = 0;
+    int escapedPath = 0;
+
+    bool allocate()
+    {
+        return line.allocate(PDR_LINE_BUF_SIZE) && path.allocate(PDR_PATH_BUF_SIZE)
+               && show.allocate(PDR_SHOW_BUF_SIZE);
+    }
+
+    // Reads with every output requested, so unsupported and internal paths
+    // are classified.
+    int read(FILE* stream)
+    {
+        return readPolicyRecordLen(stream, &line.ptr, &line.size, &ino, &gen, &path.ptr, &path.size,
+                                   &show.ptr, &show.size, &filesetName, &hsmState, &endOfFile,
+                                   &state, &escapedPath, &lineLength);
+    }
+};

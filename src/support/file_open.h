@@ -1,0 +1,28 @@
+// Opening files so that child processes inherit none of them, and the
+// portable error numbering that messages print after "error=" or "err=".
+#pragma once
+
+#include <cstdio>
+
+// What happens to a new descriptor in child processes.
+enum Inherit_t : int {
+    inheritNone = 0,  // close-on-exec
+    inheritSync = 1,  // close-on-exec, popen synchronisation hooks run around the open
+    inheritChild = 2, // children inherit the descriptor (2 and above)
+};
+
+using PopenSyncFunc = void (*)();
+void syncFuncNoop();
+extern PopenSyncFunc PopenSyncAcquireP;
+extern PopenSyncFunc PopenSyncReleaseP;
+
+// Maps a Linux errno value to the portable error code.
+int errnoToPortable(int e);
+// The current errno in the portable numbering; 0 when errno is 0.
+int cxiErrno();
+// As cxiErrno, but never 0: -1 when errno is 0 or maps to 0.
+int cxiErrnoChecked();
+
+// Opens `path` with stdio `mode`. Returns 0 and the stream in *streamOut, or
+// a portable error code with *streamOut null.
+int cxiFopen(const char* path, const char* mode, FILE** streamOut, Inherit_t inherit);

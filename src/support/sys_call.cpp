@@ -1,0 +1,118 @@
+#include "support/sys_call.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <unistd.h>
+
+bool sysFaultsArmed = false;
+
+namespace {
+
+struct Fault {
+    int countdown = 0; // calls left before the failing one; 0 = disarmed
+    int err = 0;
+    bool repeat = false;
+};
+
+Fault faults[static_cast<int>(SysCall::count_)];
+
+} // namespace
+
+void sysFailOn(SysCall call, int nth, int err, bool repeat)
+{
+    Fault& f = faults[static_cast<int>(call)];
+    f.countdown = nth;
+    f.err = err;
+    f.repeat = repeat;
+    sysFaultsArmed = true;
+}
+
+void sysFaultsClear()
+{
+    for (Fault& f : faults)
+        f = Fault{};
+    sysFaultsArmed = false;
+}
+
+bool sysFaultHit(SysCall call)
+{
+    Fault& f = faults[static_cast<int>(call)];
+    if (f.countdown <= 0)
+        return false;
+    if (f.countdown > 1) {
+        --f.countdown;
+        return false;
+    }
+    if (!f.repeat)
+        f.countdown = 0;
+    errno = f.err;
+    return true;
+}
+
+FILE* sysFopen(const char* path, const char* mode)
+{
+    if (sysShouldFail(SysCall::fopen))
+        return nullptr;
+    return std::fopen(path, mode);
+}
+
+int sysFcntl(int fd, int cmd, int arg)
+{
+    if (sysShouldFail(SysCall::fcntl))
+        return -1;
+    return ::fcntl(fd, cmd, arg);
+}
+
+int sysFclose(FILE* stream)
+{
+    if (sysShouldFail(SysCall::fclose)) {
+        int saved = errno;
+        std::fclose(stream); // the stream is gone either way, as with a real failure
+        errno = saved;
+        return EOF;
+    }
+    return std::fclose(stream);
+}
+
+size_t sysFwrite(const void* data, size_t size, FILE* stream)
+{
+    if (sysShouldFail(SysCall::fwrite))
+        return 0;
+    return fwrite_unlocked(data, 1, size, stream);
+}
+
+int sysFflush(FILE* stream)
+{
+    if (sysShouldFail(SysCall::fflush))
+        return EOF;
+    return std::fflush(stream);
+}
+
+int sysFseeko(FILE* stream, off_t offset, int whence)
+{
+    if (sysShouldFail(SysCall::fseek))
+        return -1;
+    return ::fseeko(stream, offset, whence);
+}
+
+off_t sysFtello(FILE* stream)
+{
+    if (sysShouldFail(SysCall::ftell))
+        return -1;
+    return ::ftello(stream);
+}
+
+void* sysRealloc(void* ptr, size_t size)
+{
+    if (sysShouldFail(SysCall::alloc))
+        return nullptr;
+    return std::realloc(ptr, size);
+}
+
+int sysUnlink(const char* path)
+{
+    if (sysShouldFail(SysCall::unlink))
+        return -1;
+    return ::unlink(path);
+}

@@ -1,0 +1,50 @@
+// Thin wrappers over the system and stdio calls that can fail.
+//
+// Production code calls these instead of the library directly so that a test
+// can make any one of them fail on demand (sysFailOn) and every failure path
+// runs, not just compiles. When nothing is armed the cost is one predictable
+// branch.
+#pragma once
+
+#include <cstddef>
+#include <cstdio>
+#include <sys/types.h>
+
+enum class SysCall {
+    fopen,
+    fcntl,
+    fclose,
+    fwrite,
+    fflush,
+    fseek,
+    ftell,
+    alloc,
+    unlink,
+    popen,
+    count_
+};
+
+// The nth call of `call` from now on (1 for the next one) fails with errno
+// `err`; `repeat` keeps every later call failing too.
+void sysFailOn(SysCall call, int nth, int err, bool repeat = false);
+// Disarms every fault.
+void sysFaultsClear();
+// True when this call of `call` is to fail; sets errno. Exposed for wrappers.
+bool sysFaultHit(SysCall call);
+
+extern bool sysFaultsArmed;
+
+inline bool sysShouldFail(SysCall call)
+{
+    return sysFaultsArmed && sysFaultHit(call);
+}
+
+FILE* sysFopen(const char* path, const char* mode);
+int sysFcntl(int fd, int cmd, int arg);
+int sysFclose(FILE* stream);
+size_t sysFwrite(const void* data, size_t size, FILE* stream);
+int sysFflush(FILE* stream);
+int sysFseeko(FILE* stream, off_t offset, int whence);
+off_t sysFtello(FILE* stream);
+void* sysRealloc(void* ptr, size_t size);
+int sysUnlink(const char* path);

@@ -1,0 +1,41 @@
+// Header line 1 of a shadow database: read from the previous database,
+// carried over, and written at the top of the next one.
+#pragma once
+
+#include <cstdio>
+
+constexpr int SHADOW_DBNAME_MAX = 19;
+constexpr int SHADOW_BACKUPDIR_MAX = 4096;
+constexpr int SHADOW_TOOLNAME_MIN = 2;
+constexpr int SHADOW_TOOLNAME_MAX = 32;
+constexpr int SHADOW_DATE_MAX = 31;
+
+inline constexpr char SHADOW_DEFAULT_DBNAME[] = "00_BACKUP_FILES_41";
+inline constexpr char SHADOW_DEFAULT_TOOLNAME[] = "kestrel";
+constexpr int SHADOW_DEFAULT_FORMAT = 1400;
+constexpr int SHADOW_DEFAULT_COUNT = 1;
+
+struct ShadowHeader {
+    char dbName[SHADOW_DBNAME_MAX + 1];
+    int formatVersion;
+    char backupDir[SHADOW_BACKUPDIR_MAX + 1];
+    char toolName[SHADOW_TOOLNAME_MAX + 1];
+    int headerCount;
+    char creationDate[SHADOW_DATE_MAX + 1];
+};
+
+// The values used when the previous header cannot be read; the backup
+// directory is the directory part of the previous database's path.
+void setDefaultShadowHeader(ShadowHeader* header, const char* oldShadowPath);
+
+// Parses header line 1. 0, or the code of the first failing check (-5 to -14).
+int parseShadowHeader(const char* line, ShadowHeader* header);
+
+// Reads the first line of `stream` into the caller's growable buffer and
+// parses it. 0, -2 empty file, -3 no memory, -4 no repositioning, or a
+// parse code.
+int readShadowHeader(FILE* stream, char** lineBuf, int* lineBufSize, ShadowHeader* header);
+
+// Writes the five header lines: `backupDir` and `creationDate` (which ends
+// line 1) as given, the rest from `header`. 0, or a negative result.
+int writeShadowHeader(FILE* out, const ShadowHeader& header, const char* backupDir, const char* creationDate);

@@ -1,0 +1,736 @@
+#include "update/update_shadow.h"
+
+#include "cli/dispatch.h"
+#include "records/policy_record.h"
+#include "records/record_edit.h"
+#include "support/file_open.h"
+#include "support/file_stream.h"
+#include "support/sys_call.h"
+#include "update/shadow_header.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr size_t kStreamBufferSize = 1 << 20;
+constexpr uint64_t kAnyGeneration = 0xffffffffffffffffULL;
+inline constexpr char kSnapshotPrefix[] = ".snapshots/.kestrelSnapshot";
+inline constexpr char kResident[] = "resdnt";
+inline constexpr char kMigrated[] = "migrat";
+
+// The result of each failure place, so that a result names where the run
+// stopped. E: a state edit, W: a write to the new shadow database.
+enum FailPlace : int {
+    failR3EditNew = -11, failR3WriteNew = -13,
+    failR4EditOld = -15, failR4WriteOld = -17,
+    failR5EditNew = -19, failR5WriteNew = -21,
+    failR6EditOld = -23, failR6WriteOld = -25, failR6EditNew = -27, failR6WriteNew = -29,
+    failR7EditOld = -31, failR7WriteOld = -33,
+    failR8WriteOld = -34, failR8EditNew = -35, failR8WriteNew = -36,
+    failR12EditOld = -37, failR12WriteOld = -39,
+    failR13EditOld = -41, failR13WriteOld = -43, failR13EditNew = -45, failR13WriteNew = -47,
+    failR14EditNew = -49, failR14WriteNew = -51,
+    failR16EditOld = -53, failR16WriteOld = -55, failR16EditNew = -57, failR16WriteNew = -59,
+    failNoOldEditNew = -63, failNoOldWriteNew = -65,
+    failNoNewEditOld = -67, failNoNewWriteOld = -69,
+    failR9EditOld = -71, failR9WriteOld = -73, failR9EditNew = -75, failR9WriteNew = -77,
+    failR10WriteOld = -79,
+    failR11EditOld = -81, failR11WriteOld = -83,
+    failR15EditNew = -85, failR15WriteNew = -87,
+    failConvertEdit = -89, failConvertWrite = -91, failConvertWriteState = -93,
+    failMigrationEdit = -95,
+};
+
+long envNumber(const char* name, bool* set = nullptr)
+{
+    const char* value = std::getenv(name);
+    if (set != nullptr)
+        *set = value != nullptr;
+    return value != nullptr ? std::strtol(value, nullptr, 10) : 0;
+}
+
+struct Settings {
+    bool incrSupported = false;
+    bool oldFormat = false;
+    bool backupOnly = false;
+    bool conversion = false;
+    bool migrationExpiry = false;
+    const char* backupDirEnv = nullptr;
+};
+
+struct Counts {
+    int changed = 0;
+    int expired = 0;
+    int unsupported = 0;
+    int hsm = 0;
+    bool unsupportedWritten = false;
+};
+
+struct Files {
+    StdioFile oldShadow;
+    StdioFile newShadow;
+    StdioFile list;
+    StdioFile changed;
+    StdioFile expired;
+    StdioFile unsupported;
+    StdioFile hsmMig;
+
+    // Closes every open file; each failing close lowers the result by one.
+    int closeAll(int result)
+    {
+        for (StdioFile* f : {&oldShadow, &newShadow, &list, &changed, &expired, &unsupported, &hsmMig})
+            if (f->close() != 0)
+                --result;
+        return result;
+    }
+};
+
+// One record side of the merge with what the merge adds to the reader's
+// outputs.
+struct MergeRecord {
+    PolicyRecord rec;
+    int flag = 0;           // the flag the decisions see
+    int rememberedFlag = 0; // the flag as read, for the old-format conversion
+};
+
+// Whether an output names the same regular file as an input: writing it
+// would destroy the input.
+bool sameRegularFile(const char* a, const char* b)
+{
+    struct stat sa, sb;
+    if (a == nullptr || b == nullptr || stat(a, &sa) != 0 || stat(b, &sb) != 0)
+        return false;
+    return S_ISREG(sa.st_mode) && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
+class ShadowMerge {
+public:
+    ShadowMerge(const Settings& settings, Files& files, const char* newShadowName, MergeRecord& oldSide,
+                MergeRecord& newSide, offset_t writePos, Counts& counts)
+        : s_(settings), f_(files), newShadowName_(newShadowName), old_(oldSide), new_(newSide),
+          writePos_(writePos), counts_(counts)
+    {
+    }
+
+    int run();
+
+private:
+    enum Keep { keepNeither, keepOld, keepNew };
+
+    int readOld(bool readingRules);
+    int readNew(bool noMoreOldStage);
+    void noteUnsupported(const PolicyRecord& rec, bool noMoreOldStage);
+
+    int decide(Keep& keep);
+    int noMoreOld();
+    int noMoreNew();
+    int convertRemainingOld();
+    int expireRemainingSnapshots();
+
+    int setState(PolicyRecord& rec, int state, int place);
+    int write(const PolicyRecord& rec, int place);
+    int expireOld(int editPlace, const char* label);
+    int listNew(int state, const char* label, bool toChangedList = false);
+    int listExpired(const char* label);
+
+    const Settings& s_;
+    Files& f_;
+    const char* newShadowName_;
+    MergeRecord& old_;
+    MergeRecord& new_;
+    offset_t writePos_;
+    Counts& counts_;
+
+    uint64_t lastOldIno_ = 0;
+    bool afterChange_ = false;
+    bool migrated_ = false;
+    bool toHsmList_ = false;
+};
+
+void ShadowMerge::noteUnsupported(const PolicyRecord& rec, bool noMoreOldStage)
+{
+    FILE* list = f_.unsupported.get();
+    if (list != nullptr && sysFwrite(rec.line.ptr, rec.lineLength, list) == rec.lineLength) {
+        counts_.unsupportedWritten = true;
+    } else if (noMoreOldStage) {
+        std::fprintf(stderr, "quenby:updateShadow failed on unsupported path [%s]\n", rec.path.ptr);
+    } else {
+        std::fprintf(stderr, "quenby:updateShadow skipping unsupported char [%s]\n", rec.path.ptr);
+    }
+    ++counts_.unsupported;
+}
+
+// Reads the next old record. With the reading rules, unsupported records go
+// to the unsupported list and internal ones are skipped; once the scan list
+// has run out, every record is taken by its flag.
+int ShadowMerge::readOld(bool readingRules)
+{
+    PolicyRecord& rec = old_.rec;
+    for (;;) {
+        int rc = rec.read(f_.oldShadow.get());
+        if (rc < 0)
+            return rc;
+        if (rec.endOfFile)
+            return 0;
+        if (readingRules && rc == PDR_UNSUPPORTED) {
+            noteUnsupported(rec, false);
+            continue;
+        }
+        if (readingRules && rc == PDR_INTERNAL) {
+            if (quenby_debug > 4)
+                std::fprintf(stderr, "quenby:updateShadow skipping internal path [%s]\n", rec.path.ptr);
+            continue;
+        }
+        break;
+    }
+    if (s_.oldFormat) {
+        old_.rememberedFlag = rec.state;
+        old_.flag = PDR_NORMAL;
+    } else {
+        if (rec.hsmState == nullptr)
+            rec.hsmState = const_cast<char*>(kResident);
+        old_.flag = rec.state;
+    }
+    return 0;
+}
+
+int ShadowMerge::readNew(bool noMoreOldStage)
+{
+    PolicyRecord& rec = new_.rec;
+    for (;;) {
+        int rc = rec.read(f_.list.get());
+        if (rc < 0)
+            return rc;
+        if (rec.endOfFile)
+            return 0;
+        if (rc == PDR_UNSUPPORTED) {
+            noteUnsupported(rec, noMoreOldStage);
+            continue;
+        }
+        if (rc == PDR_INTERNAL) {
+            if (quenby_debug > 4)
+                std::fprintf(stderr, "quenby:updateShadow skipping internal path [%s]\n", rec.path.ptr);
+            continue;
+        }
+        break;
+    }
+    if (rec.hsmState == nullptr)
+        rec.hsmState = const_cast<char*>(kResident);
+    new_.flag = rec.state;
+    migrated_ = std::strcmp(rec.hsmState, kMigrated) == 0;
+    toHsmList_ = migrated_ && f_.hsmMig;
+    return 0;
+}
+
+int ShadowMerge::setState(PolicyRecord& rec, int state, int place)
+{
+    int rc = changePDRState(rec.line.ptr, state);
+    if (rc != 0) {
+        std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::Corrupt PDR detected (%d) at %d\n", rc, place);
+        return place;
+    }
+    return 0;
+}
+
+int ShadowMerge::write(const PolicyRecord& rec, int place)
+{
+    if (sysFwrite(rec.line.ptr, rec.lineLength, f_.newShadow.get()) != rec.lineLength) {
+        std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::output to %s failed\n", newShadowName_);
+        return place;
+    }
+    writePos_ += static_cast<offset_t>(rec.lineLength);
+    return 0;
+}
+
+// The old record's expired line at the write position, where the old
+// record is about to be written.
+int ShadowMerge::listExpired(const char* label)
+{
+    int rc = updatePDRForExpire(old_.rec.line.ptr, old_.rec.path.ptr, f_.expired.get(), writePos_);
+    if (rc != 0) {
+        std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::%s failed (%d)\n", label, rc);
+        return rc;
+    }
+    ++counts_.expired;
+    return 0;
+}
+
+int ShadowMerge::expireOld(int editPlace, const char* label)
+{
+    if (s_.backupOnly)
+        return 0;
+    if (int rc = setState(old_.rec, PDR_EXPIRE, editPlace))
+        return rc;
+    return listExpired(label);
+}
+
+int ShadowMerge::listNew(int state, const char* label, bool toChangedList)
+{
+    bool toHsm = toHsmList_ && !toChangedList;
+    FILE* out = toHsm ? f_.hsmMig.get() : f_.changed.get();
+    int rc = updatePDRForBackup(new_.rec.line.ptr, new_.rec.path.ptr, out, state, writePos_);
+    if (rc != 0) {
+        std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::%s failed (%d)\n", label, rc);
+        return rc;
+    }
+    ++counts_.changed;
+    if (toHsm)
+        ++counts_.hsm;
+    return 0;
+}
+
+int ShadowMerge::run()
+{
+    bool scanOpen = !s_.conversion && !s_.migrationExpiry && f_.list;
+    if (int rc = readOld(true))
+        return rc;
+    if (scanOpen) {
+        if (int rc = readNew(false))
+            return rc;
+    } else {
+        new_.rec.endOfFile = 1;
+    }
+    for (;;) {
+        if (old_.rec.endOfFile)
+            return noMoreOld();
+        if (new_.rec.endOfFile)
+            return noMoreNew();
+        if (quenby_debug > 4)
+            std::fprintf(stderr, "quenby:updateShadow(old %x new %x) comparing \n %s %s", old_.flag, new_.flag,
+                         old_.rec.line.ptr, new_.rec.line.ptr);
+        Keep keep = keepNeither;
+        if (int rc = decide(keep))
+            return rc;
+        if (keep != keepOld)
+            if (int rc = readOld(true))
+                return rc;
+        if (keep != keepNew)
+            if (int rc = readNew(false))
+                return rc;
+    }
+}
+
+// One merge decision: the first row whose condition holds.
+int ShadowMerge::decide(Keep& keep)
+{
+    PolicyRecord& o = old_.rec;
+    PolicyRecord& n = new_.rec;
+    const int oldFlag = old_.flag;
+    const bool pending = oldFlag == PDR_METACH || oldFlag == PDR_BACKUP;
+    const bool debug = quenby_debug > 4;
+    int rc = 0;
+
+    // Row 1: an expiry that is done leaves the database.
+    if (oldFlag == PDR_DELETE) {
+        keep = keepNew;
+        return 0;
+    }
+    // Row 2: the second half of a CHANGE pair already handled.
+    if (pending && afterChange_ && o.ino == lastOldIno_) {
+        keep = keepNew;
+        return 0;
+    }
+
+    lastOldIno_ = o.ino;
+    bool changeRow = false;
+    const bool oldBelow = o.ino < n.ino;
+    const bool oldAbove = o.ino > n.ino;
+    const bool sameGen = o.gen == n.gen;
+
+    if (oldAbove) {
+        // Row 3: a file the old database does not have.
+        if (debug)
+            std::fprintf(stderr, "quenby:updateShadow:BACKUP old/new ino [%llx/%llx]\n%s",
+                         (unsigned long long)o.ino, (unsigned long long)n.ino, n.line.ptr);
+        (rc = setState(n, PDR_BACKUP, failR3EditNew)) || (rc = listNew(PDR_BACKUP, "updatePDRForBackup 2"))
+            || (rc = write(n, failR3WriteNew));
+        keep = keepOld;
+    } else if (pending && oldBelow) {
+        // Row 4: a pending backup of a file that is gone.
+        if (debug)
+            std::fprintf(stderr, "quenby:updateShadow:EXPIRE change o:n [%llx:%llx]\n%s",
+                         (unsigned long long)o.ino, (unsigned long long)n.ino, n.line.ptr);
+        (rc = expireOld(failR4EditOld, "updatePDRForExpire 2")) || (rc = write(o, failR4WriteOld));
+        keep = keepNew;
+    } else if (pending && sameGen) {
+        // Row 5: a pending backup of the same file is listed again.
+        if (debug)
+            std::fprintf(stderr, "quenby:updateShadow:BACKUP same ino/gen [%llx/%llx] mig [%x]\n%s",
+                         (unsigned long long)o.ino, (unsigned long long)o.gen, migrated_, n.line.ptr);
+        (rc = setState(n, oldFlag, failR5EditNew)) || (rc = listNew(oldFlag, "updatePDRForBackup 4"))
+            || (rc = write(n, failR5WriteNew));
+    } else if (pending) {
+        // Row 6: a pending backup whose inode number was reused.
+        if (debug)
+            std::fprintf(stderr, "quenby:updateShadow:EXPIRE/BACKUP reused ino/gen [%llx:%llx/%llx] mig [%x]\n%s",
+                         (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen,
+                         migrated_, n.line.ptr);
+        (rc = expireOld(failR6EditOld, "updatePDRForExpire 4")) || (rc = write(o, failR6WriteOld))
+            || (rc = setState(n, oldFlag, failR6EditNew)) || (rc = listNew(oldFlag, "updatePDRForBackup 6"))
+            || (rc = write(n, failR6WriteNew));
+    } else if (oldFlag == PDR_CHANGE && oldBelow) {
+        // Row 7: the old half of a pair whose file is gone.
+        changeRow = true;
+        (rc = expireOld(failR7EditOld, "updatePDRForExpire 6")) || (rc = write(o, failR7WriteOld));
+        keep = keepNew;
+    } else if (oldFlag == PDR_CHANGE && sameGen) {
+        // Row 8: the pair is written again and listed again.
+        changeRow = true;
+        if (debug)
+            std::fprintf(stderr, "quenby:updateShadow:CHANGE/BACKUP same ino/gen [%llx:%llx] mig [%x]\n%s",
+                         (unsigned long long)o.ino, (unsigned long long)o.gen, migrated_, n.line.ptr);
+        (rc = listNew(PDR_BACKUP, "updatePDRForBackup 16")) || (rc = write(o, failR8WriteOld))
+            || (rc = setState(n, PDR_BACKUP, failR8EditNew)) || (rc = write(n, failR8WriteNew));
+    } else if (oldFlag == PDR_CHANGE) {
+        // Row 9: the pair's inode number was reused.
+        changeRow = true;
+        if (debug)
+            std::fprintf(stderr, "quenby:updateShadow:CHANGE/EXPIRE same ino:o/ngen [%llx:%llx/%llx]\n%s",
+                         (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen,
+                         n.line.ptr);
+        (rc = expireOld(failR9EditOld, "updatePDRForExpire 16")) || (rc = write(o, failR9WriteOld))
+            || (rc = setState(n, PDR_BACKUP, failR9EditNew)) || (rc = write(n, failR9WriteNew));
+    } else if (oldFlag == PDR_EXPIRE) {
+        // Row 10: an expiry still pending is listed again.
+        if (!s_.backupOnly)
+            rc = listExpired("updatePDRForExpire 18");
+        rc = rc ? rc : write(o, failR10WriteOld);
+        keep = keepNew;
+    } else if (o.lineLength == n.lineLength && std::memcmp(o.line.ptr, n.line.ptr, o.lineLength) == 0
+               && std::strcmp(o.filesetName, n.filesetName) == 0 && o.hsmState != nullptr
+               && n.hsmState != nullptr && std::strcmp(o.hsmState, n.hsmState) == 0) {
+        // Row 11: nothing changed at all.
+        (rc = setState(o, PDR_NORMAL, failR11EditOld)) || (rc = write(o, failR11WriteOld));
+    } else if (oldBelow) {
+        // Row 12: the file is gone.
+        (rc = expireOld(failR12EditOld, "updatePDRForExpire 8")) || (rc = write(o, failR12WriteOld));
+        keep = keepNew;
+    } else if (std::strcmp(o.path.ptr, n.path.ptr) != 0) {
+        // Row 13: moved: the old path is expired, the new one backed up.
+        if (debug)
+            std::fprintf(stderr, "quenby:updateShadow:BACKUP path change [%s]\n[%s] mig [%x]\n%s", o.path.ptr,
+                         n.path.ptr, migrated_, n.line.ptr);
+        (rc = expireOld(failR13EditOld, "updatePDRForExpire 10")) || (rc = write(o, failR13WriteOld))
+            || (rc = setState(n, PDR_BACKUP, failR13EditNew)) || (rc = listNew(PDR_BACKUP, "updatePDRForBackup 8"))
+            || (rc = write(n, failR13WriteNew));
+    } else if (!sameGen && o.gen != kAnyGeneration) {
+        // Row 14: same path, another file.
+        if (debug)
+            std::fprintf(stderr, "quenby:updateShadow:NORMAL same ino:o/ngen [%llx:%llx/%llx] mig [%x]\n%s",
+                         (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen,
+                         migrated_, n.line.ptr);
+        (rc = setState(n, PDR_BACKUP, failR14EditNew)) || (rc = listNew(PDR_BACKUP, "updatePDRForBackup 10"))
+            || (rc = write(n, failR14WriteNew));
+    } else {
+        const char* oldHsm = o.hsmState != nullptr ? o.hsmState : n.hsmState;
+        int d = diffShowData(o.show.ptr, n.show.ptr, o.filesetName, n.filesetName, oldHsm, n.hsmState);
+        if (d == 0) {
+            // Row 15: unchanged.
+            (rc = setState(n, PDR_NORMAL, failR15EditNew)) || (rc = write(n, failR15WriteNew));
+        } else {
+            // Row 16: changed: the old record stays as CHANGE, the new one follows it.
+            if (debug)
+                std::fprintf(stderr, "quenby:updateShadow:BACKUP SHOW data changed [%x] mig [%x]\n%s", d, migrated_,
+                             n.line.ptr);
+            int state = s_.incrSupported && (d & (SHOW_CTIME_CHANGED | SHOW_HSM_CHANGED)) ? PDR_METACH : PDR_BACKUP;
+            (rc = setState(o, PDR_CHANGE, failR16EditOld))
+                || (rc = listNew(state, "updatePDRForBackup 12", d == SHOW_HSM_CHANGED))
+                || (rc = write(o, failR16WriteOld)) || (rc = setState(n, state, failR16EditNew))
+                || (rc = write(n, failR16WriteNew));
+        }
+    }
+
+    afterChange_ = changeRow;
+    if (!changeRow)
+        lastOldIno_ = 0;
+    return rc;
+}
+
+int ShadowMerge::noMoreOld()
+{
+    while (!new_.rec.endOfFile) {
+        PolicyRecord& n = new_.rec;
+        if (quenby_debug > 4)
+            std::fprintf(stderr, "quenby:updateShadow:BACKUP no more old mig [%x]\n%s", migrated_, n.line.ptr);
+        int rc = 0;
+        (rc = setState(n, PDR_BACKUP, failNoOldEditNew)) || (rc = listNew(PDR_BACKUP, "updatePDRForBackup 14"))
+            || (rc = write(n, failNoOldWriteNew)) || (rc = readNew(true));
+        if (rc)
+            return rc;
+    }
+    return 0;
+}
+
+int ShadowMerge::noMoreNew()
+{
+    if (s_.migrationExpiry)
+        return expireRemainingSnapshots();
+    if (s_.oldFormat)
+        return convertRemainingOld();
+    while (!old_.rec.endOfFile) {
+        PolicyRecord& o = old_.rec;
+        int rc = 0;
+        switch (old_.flag) {
+        case PDR_DELETE:
+            break;
+        case PDR_NORMAL:
+        case PDR_METACH:
+        case PDR_BACKUP:
+        case PDR_CHANGE:
+            if (!s_.backupOnly)
+                (rc = setState(o, PDR_EXPIRE, failNoNewEditOld)) || (rc = listExpired("updatePDRForExpire 12"));
+            rc = rc ? rc : write(o, failNoNewWriteOld);
+            break;
+        case PDR_EXPIRE:
+            if (!s_.backupOnly)
+                rc = listExpired("updatePDRForExpire 14");
+            rc = rc ? rc : write(o, failNoNewWriteOld);
+            break;
+        default:
+            std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::unexpected state %x in PDR1\n%s", old_.flag, o.line.ptr);
+            break;
+        }
+        if (rc || (rc = readOld(false)))
+            return rc;
+    }
+    return 0;
+}
+
+// Old format: every remaining record becomes NORMAL and gains the HSM
+// state word after its SHOW text.
+int ShadowMerge::convertRemainingOld()
+{
+    static constexpr char kStateWord[] = " resdnt\n";
+    while (!old_.rec.endOfFile) {
+        PolicyRecord& o = old_.rec;
+        int rc = 0;
+        if (old_.rememberedFlag != PDR_NORMAL)
+            rc = setState(o, PDR_NORMAL, failConvertEdit);
+        if (rc)
+            return rc;
+        size_t len = o.lineLength;
+        if (len > 0 && o.line.ptr[len - 1] == '\n')
+            --len;
+        if (sysFwrite(o.line.ptr, len, f_.newShadow.get()) != len) {
+            std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::output to %s failed\n", newShadowName_);
+            return failConvertWrite;
+        }
+        if (sysFwrite(kStateWord, sizeof kStateWord - 1, f_.newShadow.get()) != sizeof kStateWord - 1) {
+            std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::output to %s failed\n", newShadowName_);
+            return failConvertWriteState;
+        }
+        writePos_ += static_cast<offset_t>(len + sizeof kStateWord - 1);
+        if ((rc = readOld(false)))
+            return rc;
+    }
+    return 0;
+}
+
+// Migration expiry: records under the snapshot directory are expired, and
+// no record is carried over.
+int ShadowMerge::expireRemainingSnapshots()
+{
+    while (!old_.rec.endOfFile) {
+        PolicyRecord& o = old_.rec;
+        int rc = 0;
+        if (old_.flag != PDR_DELETE
+            && std::strncmp(o.path.ptr, kSnapshotPrefix, sizeof kSnapshotPrefix - 1) == 0)
+            (rc = setState(o, PDR_EXPIRE, failMigrationEdit)) || (rc = listExpired("updatePDRForExpire 20"));
+        if (rc || (rc = readOld(false)))
+            return rc;
+    }
+    return 0;
+}
+
+int openStream(StdioFile& file, const char* path, const char* mode, bool forWrite)
+{
+    FILE* stream = nullptr;
+    int err = cxiFopen(path, mode, &stream, inheritNone);
+    if (stream == nullptr) {
+        std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::could not open %s for %s (error=%d)\n", path,
+                     forWrite ? "writing" : "read", err);
+        return -1;
+    }
+    std::setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
+    file = StdioFile(stream);
+    return 0;
+}
+
+bool isInput(const char* output, const char* oldShadowFile, const char* listFile)
+{
+    return sameRegularFile(output, oldShadowFile) || sameRegularFile(output, listFile);
+}
+
+// Refuses an output that is the old shadow database or the scan list.
+int checkOutput(const char* output, const char* oldShadowFile, const char* listFile)
+{
+    for (const char* input : {oldShadowFile, listFile}) {
+        if (sameRegularFile(output, input)) {
+            std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::output %s is the input %s\n", output, input);
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int printResult(int result, const Counts& counts)
+{
+    if (result == 0)
+        std::printf("::UPDATESHADOW::0::%d::%d::%d::\n", counts.changed, counts.expired, counts.unsupported);
+    else
+        std::printf("quenby::UPDATESHADOWERR::%d::%d::%d::%d::\n", result, counts.changed, counts.expired,
+                    counts.unsupported);
+    std::fflush(stdout);
+    return result;
+}
+
+struct Run {
+    const char* oldShadowFile;
+    const char* newShadowFile;
+    const char* listFile;
+    const char* changedFile;
+    const char* expiredFile;
+    const char* unsuppFile;
+    const char* hsmMigFile;
+    Settings settings;
+    Files files;
+    Counts counts;
+
+    int openFiles();
+    int writeHeader(MergeRecord& oldSide, time_t startTime, offset_t& writePos);
+    int execute();
+};
+
+int Run::openFiles()
+{
+    bool scanFiles = listFile != nullptr && !settings.migrationExpiry;
+    if (openStream(files.oldShadow, oldShadowFile, "r", false) != 0)
+        return -1;
+    if (checkOutput(newShadowFile, oldShadowFile, listFile) != 0
+        || openStream(files.newShadow, newShadowFile, "w", true) != 0)
+        return -1;
+    if (scanFiles && openStream(files.list, listFile, "r", false) != 0)
+        return -1;
+    struct Output {
+        StdioFile& file;
+        const char* path;
+        const char* mode;
+        bool open;
+    } outputs[] = {
+        {files.changed, changedFile, "w", scanFiles},
+        {files.expired, expiredFile, "a", true},
+        {files.unsupported, unsuppFile, "a", scanFiles},
+        {files.hsmMig, hsmMigFile, "a", scanFiles},
+    };
+    for (Output& out : outputs) {
+        if (!out.open || out.path == nullptr)
+            continue;
+        if (checkOutput(out.path, oldShadowFile, listFile) != 0 || openStream(out.file, out.path, out.mode, true) != 0)
+            return -1;
+    }
+    return 0;
+}
+
+int Run::writeHeader(MergeRecord& oldSide, time_t startTime, offset_t& writePos)
+{
+    ShadowHeader header;
+    int code = readShadowHeader(files.oldShadow.get(), &oldSide.rec.line.ptr, &oldSide.rec.line.size, &header);
+    if (code != 0) {
+        if (settings.conversion) {
+            std::fprintf(stderr,
+                         "quenby::UPDATESHADOWERR::1::could not interpret header to migrate shadow DB %s err %d\n",
+                         oldShadowFile, code);
+            return -1;
+        }
+        setDefaultShadowHeader(&header, oldShadowFile);
+        std::fprintf(stderr,
+                     "quenby::UPDATESHADOWERR::0::proceeding with default header info after bad header found in "
+                     "previous shadow %s\n",
+                     oldShadowFile);
+    }
+
+    char now[64];
+    struct tm local;
+    const char* creationDate = header.creationDate;
+    if (!settings.conversion) {
+        localtime_r(&startTime, &local);
+        asctime_r(&local, now);
+        creationDate = now;
+    }
+    const char* backupDir = settings.backupDirEnv != nullptr ? settings.backupDirEnv : header.backupDir;
+    if (int rc = writeShadowHeader(files.newShadow.get(), header, backupDir, creationDate))
+        return rc;
+
+    off_t pos = sysFtello(files.newShadow.get());
+    if (pos < 0) {
+        std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::%s failed (%d)\n", "ftell 1", static_cast<int>(pos));
+        return static_cast<int>(pos);
+    }
+    writePos = pos;
+    return 0;
+}
+
+int Run::execute()
+{
+    if (settings.migrationExpiry && settings.backupOnly) {
+        std::fputs("quenby::UPDATESHADOWERR::1::Cannot do 3.2 migration expiry in BACKUP_ONLY mode\n", stderr);
+        return -1;
+    }
+    MergeRecord oldSide;
+    MergeRecord newSide;
+    if (!oldSide.rec.allocate() || !newSide.rec.allocate()) {
+        std::fputs("quenby::UPDATESHADOWERR::1::failed to allocate memory\n", stderr);
+        return -1;
+    }
+    time_t startTime = std::time(nullptr);
+    if (int rc = openFiles())
+        return rc;
+    offset_t writePos = 0;
+    if (int rc = writeHeader(oldSide, startTime, writePos))
+        return rc;
+    ShadowMerge merge(settings, files, newShadowFile, oldSide, newSide, writePos, counts);
+    return merge.run();
+}
+
+} // namespace
+
+int updateShadow(const char* oldShadowFile, const char* newShadowFile, const char* listFile,
+                 const char* changedFile, const char* expiredFile, const char* unsuppFile,
+                 const char* hsmMigFile, const char* /*subDir*/, const char* /*filesets*/)
+{
+    Run run{oldShadowFile, newShadowFile, listFile, changedFile, expiredFile, unsuppFile, hsmMigFile, {}, {}, {}};
+    Settings& s = run.settings;
+    s.incrSupported = envNumber("KESTREL_QBSC_INCR_SUPPORTED") == 1;
+    long format = envNumber("KESTREL_SHADOW_FORMAT");
+    s.oldFormat = format >= 1002 && format <= 1399;
+    s.backupDirEnv = std::getenv("KESTREL_BACKUPDIR");
+    s.backupOnly = envNumber("KESTREL_DO_BACKUP_ONLY") == 1;
+    if (s.backupOnly && quenby_debug > 1)
+        std::fputs("quenby: BACKUP_ONLY mode on.\n", stderr);
+
+    if (oldShadowFile == nullptr || newShadowFile == nullptr) {
+        std::fputs("Usage: quenby updateShadow <old shadow file> <new shadow file> [<list file> <changed> "
+                   "<expired> <unsupported> <HSMMigrated> [<subdir>] [<filesetList>]]\n",
+                   stderr);
+        return -1;
+    }
+
+    s.conversion = listFile == nullptr && changedFile == nullptr && expiredFile == nullptr && hsmMigFile == nullptr;
+    s.migrationExpiry = listFile != nullptr && changedFile != nullptr && std::strcmp(listFile, "/dev/null") == 0
+                        && std::strcmp(changedFile, "/dev/null") == 0;
+    if (s.conversion)
+        s.oldFormat = true;
+
+    int result = run.execute();
+    result = run.files.closeAll(result);
+    if (unsuppFile != nullptr && !run.counts.unsupportedWritten && !isInput(unsuppFile, oldShadowFile, listFile))
+        sysUnlink(unsuppFile);
+    if (hsmMigFile != nullptr && run.counts.hsm == 0 && !isInput(hsmMigFile, oldShadowFile, listFile))
+        sysUnlink(hsmMigFile);
+    return printResult(result, run.counts);
+}
