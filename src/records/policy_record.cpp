@@ -14,15 +14,27 @@ bool cSpace(unsigned char c)
     return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
 }
 
+// Digit values by character: 0-15 for hexadecimal digits, -1 for the rest.
+struct DigitTable {
+    signed char value[256];
+    constexpr DigitTable() : value()
+    {
+        for (int c = 0; c < 256; ++c)
+            value[c] = -1;
+        for (int c = '0'; c <= '9'; ++c)
+            value[c] = static_cast<signed char>(c - '0');
+        for (int c = 'a'; c <= 'f'; ++c)
+            value[c] = static_cast<signed char>(c - 'a' + 10);
+        for (int c = 'A'; c <= 'F'; ++c)
+            value[c] = static_cast<signed char>(c - 'A' + 10);
+    }
+};
+constexpr DigitTable digits;
+
 int digitValue(unsigned char c, bool hex)
 {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (hex && c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (hex && c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
+    int v = digits.value[c];
+    return hex || v < 10 ? v : -1;
 }
 
 // A cursor over NUL-terminated text that converts integers and matches
@@ -36,11 +48,12 @@ public:
 
     // Values stored so far, or -1 when the input ran out before the first.
     int result() const { return inputFailed_ && stored_ == 0 ? -1 : stored_; }
+    const char* position() const { return p_; }
     bool failed() const { return failed_; }
 
     // One integer conversion; `width` < 0 means none. Returns false when the
     // scan stops here.
-    bool number(int width, bool hex)
+    __attribute__((always_inline)) bool number(int width, bool hex)
     {
         if (failed_)
             return false;
@@ -73,11 +86,18 @@ public:
             int v = digitValue(static_cast<unsigned char>(*p_), hex);
             if (v < 0)
                 break;
-            unsigned long long base = hex ? 16 : 10;
-            if (mag_ > (ULLONG_MAX - static_cast<unsigned>(v)) / base)
-                overflow_ = true;
-            else
-                mag_ = mag_ * base + static_cast<unsigned>(v);
+            if (hex) {
+                if (mag_ >> 60 != 0)
+                    overflow_ = true;
+                else
+                    mag_ = mag_ << 4 | static_cast<unsigned>(v);
+            } else {
+                constexpr unsigned long long limit = ULLONG_MAX / 10;
+                if (mag_ > limit || (mag_ == limit && static_cast<unsigned>(v) > ULLONG_MAX % 10))
+                    overflow_ = true;
+                else
+                    mag_ = mag_ * 10 + static_cast<unsigned>(v);
+            }
             ++digits;
             ++p_;
             if (width > 0)
@@ -178,9 +198,19 @@ long long absLength(int length)
 
 } // namespace
 
-int scanRecordHead(const char* text, uint64_t* ino, uint64_t* gen, unsigned int* flag, int* pathLen)
+int scanRecordHead(const char* text, uint64_t* ino, uint64_t* gen, unsigned int* flag, int* pathLen,
+                   const char** end)
 {
     ScanfCursor in(text);
+    struct EndGuard {
+        ScanfCursor& in;
+        const char** end;
+        ~EndGuard()
+        {
+            if (end != nullptr)
+                *end = in.position();
+        }
+    } guard{in, end};
     // %*x:%*llx:
     if (!in.number(-1, true) || !in.literal(':') || !in.number(-1, true) || !in.literal(':'))
         return in.result();
@@ -211,15 +241,29 @@ int scanRecordHead(const char* text, uint64_t* ino, uint64_t* gen, unsigned int*
     return in.result();
 }
 
-int scanLengthField(const char* text, int* length)
+int scanLengthField(const char* text, int* length, const char** end)
 {
     ScanfCursor in(text);
-    if (!in.number(-1, false))
+    bool ok = in.number(-1, false);
+    if (end != nullptr)
+        *end = in.position();
+    if (!ok)
         return in.result();
     *length = in.asInt();
     in.stored();
     return in.result();
 }
+
+namespace {
+
+// The first "!" at or after `from`. A scan that stopped on a "!" found it:
+// everything it passed over was blanks, signs, digits and separators.
+const char* firstBang(const char* from, const char* scanEnd)
+{
+    return *scanEnd == '!' ? scanEnd : std::strchr(from, '!');
+}
+
+} // namespace
 
 bool isInternalPath(const char* path)
 {
@@ -289,7 +333,8 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
 
     unsigned int flag = 0;
     int pathLen = 0;
-    if (scanRecordHead(line, ino, gen, &flag, &pathLen) < 4 || pathLen < -4096) {
+    const char* scanEnd = line;
+    if (scanRecordHead(line, ino, gen, &flag, &pathLen, &scanEnd) < 4 || pathLen < -4096) {
         std::fprintf(stderr, "quenby: failed to parse shadow line [1]%s\n", line);
         return -1;
     }
@@ -300,7 +345,7 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
         pathLen = -pathLen;
     }
 
-    const char* bang = std::strchr(line, '!');
+    const char* bang = firstBang(line, scanEnd);
     if (bang == nullptr) {
         std::fprintf(stderr, "quenby: failed to find file path in %s\n", line);
         return -1;
@@ -326,12 +371,12 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
     if (*p != '\0')
         ++p;
     int poolLen = 0;
-    if (scanLengthField(p, &poolLen) < 1) {
+    if (scanLengthField(p, &poolLen, &scanEnd) < 1) {
         std::fprintf(stderr, "quenby: failed to parse shadow line [2]%s\n", line);
         return -1;
     }
     long long poolSize = absLength(poolLen);
-    const char* poolBang = std::strchr(p, '!');
+    const char* poolBang = firstBang(p, scanEnd);
     if (poolBang == nullptr) {
         std::fprintf(stderr, "quenby: failed to find storage pool in %s\n", line);
         return -1;
@@ -346,12 +391,12 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
     if (*p != '\0')
         ++p;
     int showLen = 0;
-    if (scanLengthField(p, &showLen) < 1) {
+    if (scanLengthField(p, &showLen, &scanEnd) < 1) {
         std::fprintf(stderr, "quenby: failed to parse shadow line [3]%s\n", line);
         return -1;
     }
     long long showSize = absLength(showLen);
-    const char* showBang = std::strchr(p, '!');
+    const char* showBang = firstBang(p, scanEnd);
     if (showBang == nullptr) {
         std::fprintf(stderr, "quenby: failed to find show attribute in %s\n", line);
         return -1;
@@ -371,13 +416,14 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
     show[showSize] = '\0';
 
     // Fields 1 to 5 stay at the front of the SHOW buffer; 6 and 7 are cut off.
-    char* blank = show - 1;
-    for (int i = 0; i < 5; ++i) {
-        blank = std::strchr(blank + 1, ' ');
-        if (blank == nullptr) {
+    char* blank = show;
+    for (int blanks = 0;; ++blank) {
+        if (*blank == '\0') {
             std::fprintf(stderr, "quenby: invalid show attribute in %s\n", line);
             return -1;
         }
+        if (*blank == ' ' && ++blanks == 5)
+            break;
     }
     *blank = '\0';
     if (filesetName == nullptr || hsmState == nullptr)

@@ -55,10 +55,14 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
                         int* escapedPath, size_t* lineLength);
 
 // The record's head "%*x:%*llx:%016llx:%llx:%*llx:%*x:%*x:%x:%d!%*s" parsed
-// exactly as sscanf parses it; returns the number of values stored (0 to 4).
-int scanRecordHead(const char* text, uint64_t* ino, uint64_t* gen, unsigned int* flag, int* pathLen);
-// "%d!%*s" as sscanf parses it; returns the number of values stored (0 or 1).
-int scanLengthField(const char* text, int* length);
+// exactly as sscanf parses it; returns the number of values stored (0 to 4),
+// or -1 when the text ran out before the first. `end`, when given, receives
+// where the scan stopped.
+int scanRecordHead(const char* text, uint64_t* ino, uint64_t* gen, unsigned int* flag, int* pathLen,
+                   const char** end = nullptr);
+// "%d!%*s" as sscanf parses it; returns the number of values stored (0 or 1),
+// or -1 when the text ran out first.
+int scanLengthField(const char* text, int* length, const char** end = nullptr);
 
 // True for "." and paths beginning with ".kestrel" or ".execScript".
 bool isInternalPath(const char* path);
