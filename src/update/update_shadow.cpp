@@ -80,12 +80,18 @@ struct Files {
     StdioFile unsupported;
     StdioFile hsmMig;
 
-    // Closes every open file; each failing close lowers the result by one.
-    int closeAll(int result)
+    // Closes every open file; each failing close lowers the result by one
+    // and says which file lost its last writes.
+    int closeAll(int result, const char* const names[7])
     {
-        for (StdioFile* f : {&oldShadow, &newShadow, &list, &changed, &expired, &unsupported, &hsmMig})
-            if (f->close() != 0)
+        StdioFile* all[] = {&oldShadow, &newShadow, &list, &changed, &expired, &unsupported, &hsmMig};
+        for (int i = 0; i < 7; ++i) {
+            if (all[i]->close() != 0) {
+                std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::close of %s failed (error=%d)\n", names[i],
+                             cxiErrnoChecked());
                 --result;
+            }
+        }
         return result;
     }
 };
@@ -475,7 +481,11 @@ int ShadowMerge::noMoreNew()
     while (!old_.rec.endOfFile) {
         PolicyRecord& o = old_.rec;
         int rc = 0;
-        switch (old_.flag) {
+        // The new half of a CHANGE pair that the merge has just written again
+        // is dropped here too: expiring it would expire a file that exists.
+        bool partner = (old_.flag == PDR_METACH || old_.flag == PDR_BACKUP) && afterChange_ && o.ino == lastOldIno_;
+        afterChange_ = afterChange_ && partner;
+        switch (partner ? PDR_DELETE : old_.flag) {
         case PDR_DELETE:
             break;
         case PDR_NORMAL:
@@ -727,7 +737,9 @@ int updateShadow(const char* oldShadowFile, const char* newShadowFile, const cha
         s.oldFormat = true;
 
     int result = run.execute();
-    result = run.files.closeAll(result);
+    const char* const names[7] = {oldShadowFile, newShadowFile, listFile, changedFile,
+                                  expiredFile, unsuppFile, hsmMigFile};
+    result = run.files.closeAll(result, names);
     if (unsuppFile != nullptr && !run.counts.unsupportedWritten && !isInput(unsuppFile, oldShadowFile, listFile))
         sysUnlink(unsuppFile);
     if (hsmMigFile != nullptr && run.counts.hsm == 0 && !isInput(hsmMigFile, oldShadowFile, listFile))

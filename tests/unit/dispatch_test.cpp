@@ -1,5 +1,5 @@
 // What each command line hands over, seen through recorders that take the
-// place of the sub-commands.
+// place of the sub-commands. Usage texts and traces are checked end to end.
 #include "test_util.h"
 
 #include <string>
@@ -119,81 +119,6 @@ TEST(Dispatch, HandsOverExactlyTheArgumentsOfEachForm)
         EXPECT_EQ(d.out, "");
         EXPECT_EQ(d.err, "");
     }
-}
-
-TEST(Dispatch, RejectsWrongCountsWithTheKeywordsUsageText)
-{
-    testutil::GlobalsGuard guard;
-    const std::string u1 = "Usage: updateShadow <old shadow file> <new shadow file> <list file> <changed file> "
-                           "<expired file> <unsupp file> [hsm mig file] [subDir] [filesets]\n";
-    const std::string u2 = "Usage: updateShadow <old shadow file> <new shadow file> <list file> <chaged file> "
-                           "<expired file> <unsupp file> [hsm mig file] [subDir] [filesets] ...\n";
-    const std::string u3 = "Usage: clusterMigDiff <old list file> <new list file>  <changed file> <expired file>\n";
-    const std::string u4 = "Usage: rebuildShadow <qbs file> <fs list file> <out shadow>\n";
-    const std::string u5 = "Usage: execBunch <inFile> <outChangeFile> <outExpireFile> <outStateCh> <shadowDB> "
-                           "<bunchSize> [<pathToRemove>]\n";
-    const std::string u6 = "Usage: validateqbsclient <QBSClientOptionFileForMaster> <QBSClientOptionFileForNode> "
-                           "<QBSServerName>\n";
-    const std::string u7 = "Usage: verifyshadow <shadowFile> <prepListFile> [<outputFile> <qbsQueryFile> "
-                           "<sortDirectory>]\n";
-    auto words = [](const char* keyword, int n) {
-        std::vector<std::string> w{keyword};
-        for (int i = 0; i < n; ++i)
-            w.push_back(std::to_string(i + 1));
-        return w;
-    };
-    struct Case {
-        std::vector<std::string> words;
-        const std::string& usage;
-    } cases[] = {
-        {words("updateshadow", 0), u1}, {words("updateshadow", 1), u1}, {words("updateshadow", 10), u1},
-        {words("updateshadow", 3), u2}, {words("updateshadow", 4), u2}, {words("updateshadow", 5), u2},
-        {words("updateshadow", 8), u2}, {words("clustermigdiff", 3), u3}, {words("clustermigdiff", 5), u3},
-        {words("rebuildshadow", 2), u4}, {words("execbunch", 5), u5},
-        {{"execbunch", "i", "c", "e", "s", "db", "1", ""}, u5}, {words("validateqbsclient", 2), u6},
-        {words("validateqbsclient", 4), u6}, {words("verifyshadow", 1), u7}, {words("verifyshadow", 6), u7},
-    };
-    for (const Case& c : cases) {
-        Dispatched d = run(c.words);
-        EXPECT_EQ(d.result, 22) << c.words[0] << " with " << c.words.size() - 1;
-        EXPECT_EQ(d.err, c.usage);
-        EXPECT_TRUE(d.calls.empty());
-        EXPECT_EQ(migDiff, 0) << "migDiff is set only on the way to the call";
-    }
-}
-
-TEST(Dispatch, KeywordsMatchExactly)
-{
-    testutil::GlobalsGuard guard;
-    for (const char* keyword : {"Version", "VERSION", "versions", "updateShadow", "", "verify"}) {
-        Dispatched d = run({keyword, "x", "y"});
-        EXPECT_EQ(d.result, 22);
-        EXPECT_EQ(d.err, std::string("quenby: Invalid Keyword: ") + keyword + "\n");
-        EXPECT_TRUE(d.calls.empty());
-    }
-    Dispatched v = run({"version", "1", "2", "3"});
-    EXPECT_EQ(v.result, 0);
-    EXPECT_EQ(v.out, "quenby version:3\n");
-    EXPECT_EQ(v.err, "");
-}
-
-TEST(Dispatch, MissingKeywordAndTraceLines)
-{
-    testutil::GlobalsGuard guard;
-    quenby_debug = 9;
-    Dispatched none = run({});
-    EXPECT_EQ(none.result, 22);
-    EXPECT_EQ(none.err, "quenby: Missing keyword.\n");
-
-    quenby_debug = 4;
-    EXPECT_EQ(run({"version"}).err, "quenby: version(argc=2)\n");
-    quenby_debug = 5;
-    EXPECT_EQ(run({"version"}).err,
-              "quenby: version(argc=2)\n       (version . null . null . null . null . null . null . null . null)\n");
-    EXPECT_EQ(run({"verifyshadow", "s", "p"}).err,
-              "quenby: verifyshadow(argc=4)\n       (verifyshadow . s . p . null . null . null . null . null . null)\n");
-    quenby_debug = 3;
-    EXPECT_EQ(run({"version"}).err, "");
 }
 
 TEST(Dispatch, DebugLevelIsReadWithoutValidation)
