@@ -263,6 +263,35 @@ const char* firstBang(const char* from, const char* scanEnd)
     return *scanEnd == '!' ? scanEnd : std::strchr(from, '!');
 }
 
+// Skips the one separator at `p` and reads "<length>!<text>", as the pool
+// and the SHOW attribute are written. Returns the end of the text (the text
+// begins `*size` bytes before it), or null after a message naming `what`.
+const char* lengthPrefixedText(const char* p, const char* line, const char* lineEnd, int part, const char* what,
+                               long long* size = nullptr)
+{
+    if (*p != '\0')
+        ++p;
+    int length = 0;
+    const char* scanEnd = p;
+    if (scanLengthField(p, &length, &scanEnd) < 1) {
+        std::fprintf(stderr, "quenby: failed to parse shadow line [%d]%s\n", part, line);
+        return nullptr;
+    }
+    long long bytes = absLength(length);
+    const char* bang = firstBang(p, scanEnd);
+    if (bang == nullptr) {
+        std::fprintf(stderr, "quenby: failed to find %s in %s\n", what, line);
+        return nullptr;
+    }
+    if (lineEnd - (bang + 1) < bytes) {
+        std::fprintf(stderr, "quenby: invalid %s length %lld in %s\n", what, bytes, line);
+        return nullptr;
+    }
+    if (size != nullptr)
+        *size = bytes;
+    return bang + 1 + bytes;
+}
+
 } // namespace
 
 bool isInternalPath(const char* path)
@@ -366,45 +395,14 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
     std::memcpy(*pathBuf, path, static_cast<size_t>(pathLen));
     (*pathBuf)[pathLen] = '\0';
 
-    // Storage pool: read over.
-    const char* p = path + pathLen;
-    if (*p != '\0')
-        ++p;
-    int poolLen = 0;
-    if (scanLengthField(p, &poolLen, &scanEnd) < 1) {
-        std::fprintf(stderr, "quenby: failed to parse shadow line [2]%s\n", line);
+    // Storage pool: read over. Then the SHOW attribute.
+    const char* pool = lengthPrefixedText(path + pathLen, line, lineEnd, 2, "storage pool");
+    if (pool == nullptr)
         return -1;
-    }
-    long long poolSize = absLength(poolLen);
-    const char* poolBang = firstBang(p, scanEnd);
-    if (poolBang == nullptr) {
-        std::fprintf(stderr, "quenby: failed to find storage pool in %s\n", line);
+    long long showSize = 0;
+    const char* showEnd = lengthPrefixedText(pool, line, lineEnd, 3, "show attribute", &showSize);
+    if (showEnd == nullptr)
         return -1;
-    }
-    if (lineEnd - (poolBang + 1) < poolSize) {
-        std::fprintf(stderr, "quenby: invalid storage pool length %lld in %s\n", poolSize, line);
-        return -1;
-    }
-
-    // SHOW attribute.
-    p = poolBang + 1 + poolSize;
-    if (*p != '\0')
-        ++p;
-    int showLen = 0;
-    if (scanLengthField(p, &showLen, &scanEnd) < 1) {
-        std::fprintf(stderr, "quenby: failed to parse shadow line [3]%s\n", line);
-        return -1;
-    }
-    long long showSize = absLength(showLen);
-    const char* showBang = firstBang(p, scanEnd);
-    if (showBang == nullptr) {
-        std::fprintf(stderr, "quenby: failed to find show attribute in %s\n", line);
-        return -1;
-    }
-    if (lineEnd - (showBang + 1) < showSize) {
-        std::fprintf(stderr, "quenby: invalid show attribute length %lld in %s\n", showSize, line);
-        return -1;
-    }
     if (!growToFit(showBuf, showBufSize, showSize + 1)) {
         std::fprintf(stderr, "quenby: failed to realloc memory for line %s\n", line);
         return -1;
@@ -412,7 +410,7 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
     if (state != nullptr)
         *state = static_cast<int>(flag);
     char* show = *showBuf;
-    std::memcpy(show, showBang + 1, static_cast<size_t>(showSize));
+    std::memcpy(show, showEnd - showSize, static_cast<size_t>(showSize));
     show[showSize] = '\0';
 
     // Fields 1 to 5 stay at the front of the SHOW buffer; 6 and 7 are cut off.

@@ -128,6 +128,7 @@ public:
 private:
     enum Keep { keepNeither, keepOld, keepNew };
 
+    int readRecord(PolicyRecord& rec, FILE* in, bool readingRules, bool noMoreOldStage);
     int readOld(bool readingRules);
     int readNew(bool noMoreOldStage);
     void noteUnsupported(const PolicyRecord& rec, bool noMoreOldStage);
@@ -171,29 +172,31 @@ void ShadowMerge::noteUnsupported(const PolicyRecord& rec, bool noMoreOldStage)
     ++counts_.unsupported;
 }
 
-// Reads the next old record. With the reading rules, unsupported records go
-// to the unsupported list and internal ones are skipped; once the scan list
-// has run out, every record is taken by its flag.
+// Reads the next record of one side. With the reading rules, unsupported
+// records go to the unsupported list and internal ones are skipped; once the
+// scan list has run out, old records are taken by their flag alone.
+int ShadowMerge::readRecord(PolicyRecord& rec, FILE* in, bool readingRules, bool noMoreOldStage)
+{
+    for (;;) {
+        int rc = rec.read(in);
+        if (rc < 0 || rec.endOfFile)
+            return rc < 0 ? rc : 0;
+        if (readingRules && rc == PDR_UNSUPPORTED) {
+            noteUnsupported(rec, noMoreOldStage);
+        } else if (readingRules && rc == PDR_INTERNAL) {
+            if (quenby_debug > 4)
+                std::fprintf(stderr, "quenby:updateShadow skipping internal path [%s]\n", rec.path.ptr);
+        } else {
+            return 0;
+        }
+    }
+}
+
 int ShadowMerge::readOld(bool readingRules)
 {
     PolicyRecord& rec = old_.rec;
-    for (;;) {
-        int rc = rec.read(f_.oldShadow.get());
-        if (rc < 0)
-            return rc;
-        if (rec.endOfFile)
-            return 0;
-        if (readingRules && rc == PDR_UNSUPPORTED) {
-            noteUnsupported(rec, false);
-            continue;
-        }
-        if (readingRules && rc == PDR_INTERNAL) {
-            if (quenby_debug > 4)
-                std::fprintf(stderr, "quenby:updateShadow skipping internal path [%s]\n", rec.path.ptr);
-            continue;
-        }
-        break;
-    }
+    if (int rc = readRecord(rec, f_.oldShadow.get(), readingRules, false); rc != 0 || rec.endOfFile)
+        return rc;
     if (s_.oldFormat) {
         old_.rememberedFlag = rec.state;
         old_.flag = PDR_NORMAL;
@@ -208,23 +211,8 @@ int ShadowMerge::readOld(bool readingRules)
 int ShadowMerge::readNew(bool noMoreOldStage)
 {
     PolicyRecord& rec = new_.rec;
-    for (;;) {
-        int rc = rec.read(f_.list.get());
-        if (rc < 0)
-            return rc;
-        if (rec.endOfFile)
-            return 0;
-        if (rc == PDR_UNSUPPORTED) {
-            noteUnsupported(rec, noMoreOldStage);
-            continue;
-        }
-        if (rc == PDR_INTERNAL) {
-            if (quenby_debug > 4)
-                std::fprintf(stderr, "quenby:updateShadow skipping internal path [%s]\n", rec.path.ptr);
-            continue;
-        }
-        break;
-    }
+    if (int rc = readRecord(rec, f_.list.get(), true, noMoreOldStage); rc != 0 || rec.endOfFile)
+        return rc;
     if (rec.hsmState == nullptr)
         rec.hsmState = const_cast<char*>(kResident);
     new_.flag = rec.state;
