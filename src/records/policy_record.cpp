@@ -1,6 +1,7 @@
 #include "records/policy_record.h"
 
 #include "cli/dispatch.h"
+#include "support/file_open.h"
 #include "support/sys_call.h"
 
 #include <climits>
@@ -31,12 +32,6 @@ struct DigitTable {
 };
 constexpr DigitTable digits;
 
-int digitValue(unsigned char c, bool hex)
-{
-    int v = digits.value[c];
-    return hex || v < 10 ? v : -1;
-}
-
 // A cursor over NUL-terminated text that converts integers and matches
 // literal characters the way glibc's scanf does, including its odd corners:
 // leading white space, a sign, a "0x" prefix that is consumed even when no
@@ -64,7 +59,7 @@ public:
         neg_ = false;
         mag_ = 0;
         overflow_ = false;
-        int digits = 0;
+        int digitCount = 0;
         if (*p_ == '-' || *p_ == '+') {
             neg_ = *p_ == '-';
             ++p_;
@@ -75,35 +70,34 @@ public:
             if (width > 0)
                 --width;
             ++p_;
-            digits = 1;
+            digitCount = 1;
             if (hex && width != 0 && (*p_ == 'x' || *p_ == 'X')) {
                 if (width > 0)
                     --width;
                 ++p_;
             }
         }
-        while (*p_ != '\0' && width != 0) {
-            int v = digitValue(static_cast<unsigned char>(*p_), hex);
-            if (v < 0)
-                break;
-            if (hex) {
+        // A field without a width stops only at a non-digit (NUL included).
+        const char* start = p_;
+        int left = width; // below 0: no width, never reaches 0
+        if (hex) {
+            for (int v; left != 0 && (v = digits.value[static_cast<unsigned char>(*p_)]) >= 0; ++p_, --left) {
                 if (mag_ >> 60 != 0)
                     overflow_ = true;
                 else
                     mag_ = mag_ << 4 | static_cast<unsigned>(v);
-            } else {
-                constexpr unsigned long long limit = ULLONG_MAX / 10;
-                if (mag_ > limit || (mag_ == limit && static_cast<unsigned>(v) > ULLONG_MAX % 10))
+            }
+        } else {
+            constexpr unsigned long long tenth = ULLONG_MAX / 10;
+            for (unsigned v; left != 0 && (v = static_cast<unsigned char>(*p_) - '0') < 10; ++p_, --left) {
+                if (mag_ > tenth || (mag_ == tenth && v > ULLONG_MAX % 10))
                     overflow_ = true;
                 else
-                    mag_ = mag_ * 10 + static_cast<unsigned>(v);
+                    mag_ = mag_ * 10 + v;
             }
-            ++digits;
-            ++p_;
-            if (width > 0)
-                --width;
         }
-        if (digits == 0)
+        digitCount += static_cast<int>(p_ - start);
+        if (digitCount == 0)
             return stop(false);
         return true;
     }
@@ -187,8 +181,9 @@ bool startsWith(const char* text, const char* prefix, size_t prefixLen)
 
 bool isHeaderLine(const char* line)
 {
-    return startsWith(line, SHADOW_MAGIC, sizeof SHADOW_MAGIC - 1)
-           || startsWith(line, SHADOW_COMMENT_TAG, sizeof SHADOW_COMMENT_TAG - 1);
+    return line[0] == '%'
+           && (startsWith(line, SHADOW_MAGIC, sizeof SHADOW_MAGIC - 1)
+               || startsWith(line, SHADOW_COMMENT_TAG, sizeof SHADOW_COMMENT_TAG - 1));
 }
 
 long long absLength(int length)
@@ -296,8 +291,8 @@ const char* lengthPrefixedText(const char* p, const char* line, const char* line
 
 bool isInternalPath(const char* path)
 {
-    return std::strcmp(path, ".") == 0 || startsWith(path, ".kestrel", 8)
-           || startsWith(path, ".execScript", 11);
+    return path[0] == '.'
+           && (path[1] == '\0' || startsWith(path, ".kestrel", 8) || startsWith(path, ".execScript", 11));
 }
 
 int readPolicyRecord(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t* ino, uint64_t* gen,
@@ -338,6 +333,12 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
             continue;
         }
         if (fgets_unlocked(line, size, stream) == nullptr || feof_unlocked(stream)) {
+            // A list that cannot be read must not pass for an empty one: the
+            // merge would expire every file it no longer sees.
+            if (ferror_unlocked(stream)) {
+                std::fprintf(stderr, "quenby: failed to read records (error=%d)\n", cxiErrnoChecked());
+                return -1;
+            }
             *endOfFile = 1;
             return 0;
         }

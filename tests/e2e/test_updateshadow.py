@@ -583,6 +583,10 @@ def failure_cases():
                       Db([]), chg="", exp="", status=255,
                       stderr="quenby: invalid show attribute in %s\n" % bad))
 
+    cases.append(case("a scan list that cannot be read is no empty scan: nothing is expired", failed(-1),
+                      [pdr(0x10)], [], Db([]), args=["old", "new", "dir"] + ARGS7[3:], files={"dir/f": ""},
+                      chg="", exp="", status=255, stderr="quenby: failed to read records (error=21)\n"))
+
     # The records fit the stream's buffer: the loss shows when it is closed.
     cases.append(case("an unwritable new shadow database", failed(-1, 1, 1),
                       [pdr(0x10), pdr(0x18)], [pdr(0x10), pdr(0x20)], None,
