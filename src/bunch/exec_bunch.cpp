@@ -1,9 +1,218 @@
 #include "bunch/exec_bunch.h"
 
-#include <cstdio>
+#include "bunch/bunch_list.h"
+#include "bunch/client_monitor.h"
+#include "bunch/path_index.h"
+#include "bunch/record_update.h"
+#include "cli/dispatch.h"
+#include "support/consistency.h"
+#include "support/file_open.h"
+#include "support/file_stream.h"
+#include "support/sys_call.h"
 
-int execBunch(const char*, const char*, const char*, const char*, const char*, int, const char*)
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr offset_t kSingleRecordLockBytes = 64;
+
+struct ClientCommand {
+    int bit;
+    const char* variable;
+    const char* label;
+    int successState;
+    const char* debugFormat;
+};
+
+// Run in this order, each only when its list was written.
+const ClientCommand commands[] = {
+    {BUNCH_LIST_EXPIRE, "KESTREL_EXPIRE_CMD", "expire", PDR_DELETE, "quenby: Expiring with %s\n"},
+    {BUNCH_LIST_BACKUP, "KESTREL_BACKUP_CMD", "backup", PDR_NORMAL, "quenby: Backup with %s\n"},
+    {BUNCH_LIST_UPDATE, "KESTREL_UPDATE_CMD", "update", PDR_NORMAL, "quenby: Metadata update with %s\n"},
+};
+
+bool isDevNull(const char* path)
 {
-    std::fputs("quenby: execbunch is not built yet\n", stderr);
-    return -1;
+    return std::strcmp(path, "/dev/null") == 0;
+}
+
+// The write lock on the byte range of the bunch's records; the whole file
+// is unlocked when it goes, also on the way out of a failure.
+class ShadowLock {
+public:
+    ShadowLock() = default;
+    ShadowLock(const ShadowLock&) = delete;
+    ShadowLock& operator=(const ShadowLock&) = delete;
+    ~ShadowLock() { release(); }
+
+    // 0 when held; otherwise the failed waiting request's result.
+    int acquire(int fd, offset_t first, offset_t last)
+    {
+        struct flock range {};
+        range.l_type = F_WRLCK;
+        range.l_whence = SEEK_SET;
+        range.l_start = static_cast<off_t>(first);
+        range.l_len = static_cast<off_t>(last - first);
+        if (sysFcntlLock(fd, F_SETLK, &range) != 0) {
+            std::fputs("quenby: execBunch() shadow DB lock denied. sleeping.\n", stdout);
+            std::fflush(stdout);
+            int rc = sysFcntlLock(fd, F_SETLKW, &range);
+            if (rc != 0)
+                return rc;
+        }
+        fd_ = fd;
+        return 0;
+    }
+
+    bool held() const { return fd_ >= 0; }
+
+    void release()
+    {
+        if (fd_ < 0)
+            return;
+        struct flock whole {};
+        whole.l_type = F_UNLCK;
+        whole.l_whence = SEEK_SET;
+        whole.l_start = 0;
+        whole.l_len = 0;
+        sysFcntlLock(fd_, F_SETLKW, &whole);
+        fd_ = -1;
+    }
+
+private:
+    int fd_ = -1;
+};
+
+// The update buffers, freed on every way out.
+struct UpdateBuffers {
+    ~UpdateBuffers() { freeUpdateBuffers(); }
+};
+
+int runBunch(const char* inList, const char* outChange, const char* outExpire, const char* outStateChange,
+             const char* shadowDB, int bunchSize, const char* removePath, StdioFile& shadow)
+{
+    bool oldFormatExpiry = false;
+    if (isDevNull(outChange)) {
+        if (!isDevNull(outStateChange) || !isDevNull(shadowDB)) {
+            std::fputs("quenby:execBunch(): inconsistent input\n", stdout);
+            return -3;
+        }
+        if (quenby_debug > 0)
+            std::fputs("quenby:expiring old format inventory\n", stderr);
+        oldFormatExpiry = true;
+        outChange = outStateChange = shadowDB = nullptr;
+    } else {
+        if (gsiCount != 0) {
+            std::fputs("quenby:execBunch(): index table init failure\n", stdout);
+            return -2;
+        }
+        gsiCount = static_cast<uint32_t>(bunchSize < 100 ? 100 : bunchSize);
+    }
+
+    UpdateBuffers buffers;
+    if (!allocUpdateBuffers()) {
+        std::fputs("quenby:execBunch(): memory allocation failure\n", stdout);
+        return -1;
+    }
+    const bool locking = std::getenv("KESTREL_LOCK_SHADOW") != nullptr && !oldFormatExpiry;
+
+    offset_t firstOffset = 0;
+    offset_t lastOffset = 0;
+    int mask = parseBackupRecords(inList, outChange, outExpire, outStateChange, removePath, &firstOffset,
+                                  &lastOffset, gsi_insert);
+    if (mask <= 0) {
+        std::printf("quenby:execBunch() error %d parsing records, skipping exec\n", mask);
+        return mask;
+    }
+
+    if (!oldFormatExpiry) {
+        FILE* stream = nullptr;
+        cxiFopen(shadowDB, "r+", &stream, inheritNone);
+        if (stream == nullptr) {
+            std::printf("quenby:execBunch():could not open shadowDB %s\n", shadowDB);
+            return 101;
+        }
+        // Records are read and rewritten with positioned calls on the
+        // descriptor; the stream's own buffer is never used.
+        std::setvbuf(stream, nullptr, _IONBF, 0);
+        shadow = StdioFile(stream);
+    }
+
+    ShadowLock lock;
+    if (locking) {
+        quenbyCheck(firstOffset <= lastOffset, "firstOffset <= lastOffset");
+        quenbyCheck(firstOffset > 0, "firstOffset > 0");
+        quenbyCheck(expireOldFormat == 0, "expireOldFormat == 0");
+        if (lastOffset == firstOffset)
+            lastOffset = firstOffset + kSingleRecordLockBytes;
+        if (int rc = lock.acquire(fileno(shadow.get()), firstOffset, lastOffset)) {
+            std::fputs("quenby: execBunch() shadow DB lock failed.\n", stdout);
+            return rc;
+        }
+        if (quenby_debug > 1)
+            std::fprintf(stderr, "quenby: acquired shadowDB lock [0x%llx] to [0x%llx] %s\n",
+                         static_cast<unsigned long long>(firstOffset), static_cast<unsigned long long>(lastOffset),
+                         shadowDB);
+    }
+
+    int result = 0;
+    for (const ClientCommand& cmd : commands) {
+        if ((mask & cmd.bit) == 0)
+            continue;
+        if (cmd.bit != BUNCH_LIST_EXPIRE)
+            quenbyCheck(expireOldFormat == 0, "expireOldFormat == 0");
+        const char* command = std::getenv(cmd.variable);
+        if (command == nullptr) {
+            std::printf("quenby: execBunch() %s command not provided in exec\n", cmd.label);
+            continue;
+        }
+        if (quenby_debug > 1)
+            std::fprintf(stderr, cmd.debugFormat, command);
+        result = execAndMonitor(command, shadow.get(), cmd.label, cmd.successState, firstOffset, lastOffset);
+    }
+
+    if (lock.held()) {
+        lock.release();
+        if (quenby_debug > 1)
+            std::fprintf(stderr, "quenby: released shadowDB lock [0x%llx] %s\n",
+                         static_cast<unsigned long long>(firstOffset), shadowDB);
+    }
+    return result;
+}
+
+} // namespace
+
+int execBunch(const char* inList, const char* outChange, const char* outExpire, const char* outStateChange,
+              const char* shadowDB, int bunchSize, const char* removePath)
+{
+    auto orNull = [](const char* s) { return s != nullptr ? s : "(null)"; };
+    if (quenby_debug > 0)
+        std::fprintf(stderr, "quenby:execBunch(%s %s %s %s %s %d %s)\n", orNull(inList), orNull(outChange),
+                     orNull(outExpire), orNull(outStateChange), orNull(shadowDB), bunchSize,
+                     removePath != nullptr ? removePath : "none");
+    if (inList == nullptr || outChange == nullptr || outExpire == nullptr || outStateChange == nullptr
+        || shadowDB == nullptr || bunchSize < 1) {
+        std::fputs("Usage: quenby execBunch <inList> <outChange> <outExpire> <outStateChange> <shadowDB> "
+                   "<bunchSize> [<removePath>] \n",
+                   stdout);
+        return -1;
+    }
+
+    StdioFile shadow;
+    int result;
+    try {
+        result = runBunch(inList, outChange, outExpire, outStateChange, shadowDB, bunchSize, removePath, shadow);
+    } catch (const ConsistencyError& broken) {
+        // Nothing more is rewritten; the lock and the files go with the unwinding.
+        std::fprintf(stderr, "quenby:execBunch() consistency check failed: %s\n", broken.what());
+        result = EXECBUNCH_CONSISTENCY_FAILURE;
+    }
+    std::fflush(stdout);
+    if (shadow.close() != 0)
+        result = -15;
+    if (quenby_debug > 1)
+        std::fprintf(stderr, "quenby: execBunch()->%d\n", result);
+    return result;
 }

@@ -1,6 +1,7 @@
 #include "records/policy_record.h"
 
 #include "cli/dispatch.h"
+#include "records/scanf_cursor.h"
 #include "support/file_open.h"
 #include "support/sys_call.h"
 
@@ -9,151 +10,6 @@
 #include <cstring>
 
 namespace {
-
-bool cSpace(unsigned char c)
-{
-    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
-
-// Digit values by character: 0-15 for hexadecimal digits, -1 for the rest.
-struct DigitTable {
-    signed char value[256];
-    constexpr DigitTable() : value()
-    {
-        for (int c = 0; c < 256; ++c)
-            value[c] = -1;
-        for (int c = '0'; c <= '9'; ++c)
-            value[c] = static_cast<signed char>(c - '0');
-        for (int c = 'a'; c <= 'f'; ++c)
-            value[c] = static_cast<signed char>(c - 'a' + 10);
-        for (int c = 'A'; c <= 'F'; ++c)
-            value[c] = static_cast<signed char>(c - 'A' + 10);
-    }
-};
-constexpr DigitTable digits;
-
-// A cursor over NUL-terminated text that converts integers and matches
-// literal characters the way glibc's scanf does, including its odd corners:
-// leading white space, a sign, a "0x" prefix that is consumed even when no
-// digit follows, field widths that count the sign and the prefix, and
-// out-of-range values clamped as strtoul/strtol clamp them.
-class ScanfCursor {
-public:
-    explicit ScanfCursor(const char* text) : p_(text) {}
-
-    // Values stored so far, or -1 when the input ran out before the first.
-    int result() const { return inputFailed_ && stored_ == 0 ? -1 : stored_; }
-    const char* position() const { return p_; }
-    bool failed() const { return failed_; }
-
-    // One integer conversion; `width` < 0 means none. Returns false when the
-    // scan stops here.
-    __attribute__((always_inline)) bool number(int width, bool hex)
-    {
-        if (failed_)
-            return false;
-        while (cSpace(static_cast<unsigned char>(*p_)))
-            ++p_;
-        if (*p_ == '\0')
-            return stop(true);
-        neg_ = false;
-        mag_ = 0;
-        overflow_ = false;
-        int digitCount = 0;
-        if (*p_ == '-' || *p_ == '+') {
-            neg_ = *p_ == '-';
-            ++p_;
-            if (width > 0)
-                --width;
-        }
-        if (width != 0 && *p_ == '0') {
-            if (width > 0)
-                --width;
-            ++p_;
-            digitCount = 1;
-            if (hex && width != 0 && (*p_ == 'x' || *p_ == 'X')) {
-                if (width > 0)
-                    --width;
-                ++p_;
-            }
-        }
-        // A field without a width stops only at a non-digit (NUL included).
-        const char* start = p_;
-        int left = width; // below 0: no width, never reaches 0
-        if (hex) {
-            for (int v; left != 0 && (v = digits.value[static_cast<unsigned char>(*p_)]) >= 0; ++p_, --left) {
-                if (mag_ >> 60 != 0)
-                    overflow_ = true;
-                else
-                    mag_ = mag_ << 4 | static_cast<unsigned>(v);
-            }
-        } else {
-            constexpr unsigned long long tenth = ULLONG_MAX / 10;
-            for (unsigned v; left != 0 && (v = static_cast<unsigned char>(*p_) - '0') < 10; ++p_, --left) {
-                if (mag_ > tenth || (mag_ == tenth && v > ULLONG_MAX % 10))
-                    overflow_ = true;
-                else
-                    mag_ = mag_ * 10 + v;
-            }
-        }
-        digitCount += static_cast<int>(p_ - start);
-        if (digitCount == 0)
-            return stop(false);
-        return true;
-    }
-
-    // The last number as strtoull gives it.
-    unsigned long long asUnsigned() const
-    {
-        if (overflow_)
-            return ULLONG_MAX;
-        return neg_ ? 0ULL - mag_ : mag_;
-    }
-
-    // The last number as strtol gives it, truncated to int as scanf's %d stores it.
-    int asInt() const
-    {
-        long value;
-        if (!neg_)
-            value = (overflow_ || mag_ > static_cast<unsigned long long>(LONG_MAX)) ? LONG_MAX
-                                                                                     : static_cast<long>(mag_);
-        else if (overflow_ || mag_ > static_cast<unsigned long long>(LONG_MAX) + 1ULL)
-            value = LONG_MIN;
-        else
-            value = static_cast<long>(0ULL - mag_);
-        return static_cast<int>(static_cast<unsigned int>(static_cast<unsigned long>(value)));
-    }
-
-    void stored() { ++stored_; }
-
-    bool literal(char c)
-    {
-        if (failed_)
-            return false;
-        if (*p_ == '\0')
-            return stop(true);
-        if (*p_ != c)
-            return stop(false);
-        ++p_;
-        return true;
-    }
-
-private:
-    bool stop(bool inputFailure)
-    {
-        failed_ = true;
-        inputFailed_ = inputFailure;
-        return false;
-    }
-
-    const char* p_;
-    int stored_ = 0;
-    bool failed_ = false;
-    bool inputFailed_ = false;
-    bool neg_ = false;
-    bool overflow_ = false;
-    unsigned long long mag_ = 0;
-};
 
 // Enlarges a caller's buffer to hold `need` bytes: to twice its size, or to
 // `need` when that is more.
@@ -179,12 +35,6 @@ bool startsWith(const char* text, const char* prefix, size_t prefixLen)
     return std::strncmp(text, prefix, prefixLen) == 0;
 }
 
-bool isHeaderLine(const char* line)
-{
-    return line[0] == '%'
-           && (startsWith(line, SHADOW_MAGIC, sizeof SHADOW_MAGIC - 1)
-               || startsWith(line, SHADOW_COMMENT_TAG, sizeof SHADOW_COMMENT_TAG - 1));
-}
 
 long long absLength(int length)
 {
@@ -289,6 +139,13 @@ const char* lengthPrefixedText(const char* p, const char* line, const char* line
 
 } // namespace
 
+bool isShadowHeaderLine(const char* line)
+{
+    return line[0] == '%'
+           && (startsWith(line, SHADOW_MAGIC, sizeof SHADOW_MAGIC - 1)
+               || startsWith(line, SHADOW_COMMENT_TAG, sizeof SHADOW_COMMENT_TAG - 1));
+}
+
 bool isInternalPath(const char* path)
 {
     return path[0] == '.'
@@ -353,12 +210,26 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
                 return rc;
             continue;
         }
-        if (isHeaderLine(line))
+        if (isShadowHeaderLine(line))
             continue;
         break;
     }
     if (lineLength != nullptr)
         *lineLength = len;
+    return parsePolicyRecordLine(line, len, *lineBufSize, ino, gen, pathBuf, pathBufSize, showBuf, showBufSize,
+                                 filesetName, hsmState, state, escapedPath);
+}
+
+int parsePolicyRecordLine(char* line, size_t len, int lineBufSize, uint64_t* ino, uint64_t* gen, char** pathBuf,
+                          int* pathBufSize, char** showBuf, int* showBufSize, char** filesetName, char** hsmState,
+                          int* state, int* escapedPath)
+{
+    if (escapedPath != nullptr)
+        *escapedPath = 0;
+    if (filesetName != nullptr)
+        *filesetName = nullptr;
+    if (hsmState != nullptr)
+        *hsmState = nullptr;
     const char* lineEnd = line + len;
 
     unsigned int flag = 0;
@@ -381,7 +252,7 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
         return -1;
     }
     const char* path = bang + 1;
-    if ((path - line) + static_cast<long long>(pathLen) > *lineBufSize) {
+    if ((path - line) + static_cast<long long>(pathLen) > lineBufSize) {
         std::fprintf(stderr, "quenby: invalid file path length %d in %s\n", pathLen, line);
         return -1;
     }

@@ -54,6 +54,15 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
                         char** filesetName, char** hsmState, unsigned int* endOfFile, int* state,
                         int* escapedPath, size_t* lineLength);
 
+// Steps after the line is read: parses `line` (`len` bytes, NUL-terminated,
+// in a buffer of `lineBufSize`) into the outputs, as readPolicyRecord does.
+int parsePolicyRecordLine(char* line, size_t len, int lineBufSize, uint64_t* ino, uint64_t* gen, char** pathBuf,
+                          int* pathBufSize, char** showBuf, int* showBufSize, char** filesetName, char** hsmState,
+                          int* state, int* escapedPath);
+
+// True for a header line of a shadow database.
+bool isShadowHeaderLine(const char* line);
+
 // The record's head "%*x:%*llx:%016llx:%llx:%*llx:%*x:%*x:%x:%d!%*s" parsed
 // exactly as sscanf parses it; returns the number of values stored (0 to 4),
 // or -1 when the text ran out before the first. `end`, when given, receives

@@ -63,4 +63,15 @@ struct HeapBuf {
         ptr[0] = '\0';
         return true;
     }
+
+    // Enlarges the buffer keeping its contents.
+    bool grow(int bytes)
+    {
+        void* p = sysRealloc(ptr, static_cast<size_t>(bytes));
+        if (p == nullptr)
+            return false;
+        ptr = static_cast<char*>(p);
+        size = bytes;
+        return true;
+    }
 };

@@ -116,3 +116,42 @@ int sysUnlink(const char* path)
         return -1;
     return ::unlink(path);
 }
+
+FILE* sysPopen(const char* command, const char* mode)
+{
+    if (sysShouldFail(SysCall::popen))
+        return nullptr;
+    return ::popen(command, mode);
+}
+
+int sysPclose(FILE* pipe)
+{
+    if (sysShouldFail(SysCall::pclose)) {
+        int saved = errno;
+        ::pclose(pipe);
+        errno = saved;
+        return -1;
+    }
+    return ::pclose(pipe);
+}
+
+ssize_t sysPread(int fd, void* buf, size_t count, off_t offset)
+{
+    if (sysShouldFail(SysCall::pread))
+        return -1;
+    return ::pread(fd, buf, count, offset);
+}
+
+ssize_t sysPwrite(int fd, const void* buf, size_t count, off_t offset)
+{
+    if (sysShouldFail(SysCall::pwrite))
+        return -1;
+    return ::pwrite(fd, buf, count, offset);
+}
+
+int sysFcntlLock(int fd, int cmd, struct flock* lock)
+{
+    if (sysShouldFail(SysCall::lock))
+        return -1;
+    return ::fcntl(fd, cmd, lock);
+}

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <fcntl.h>
 #include <sys/types.h>
 
 enum class SysCall {
@@ -21,6 +22,10 @@ enum class SysCall {
     alloc,
     unlink,
     popen,
+    pclose,
+    pread,
+    pwrite,
+    lock,
     count_
 };
 
@@ -48,3 +53,9 @@ int sysFseeko(FILE* stream, off_t offset, int whence);
 off_t sysFtello(FILE* stream);
 void* sysRealloc(void* ptr, size_t size);
 int sysUnlink(const char* path);
+FILE* sysPopen(const char* command, const char* mode);
+int sysPclose(FILE* pipe);
+ssize_t sysPread(int fd, void* buf, size_t count, off_t offset);
+ssize_t sysPwrite(int fd, const void* buf, size_t count, off_t offset);
+// fcntl with a record lock request (F_SETLK, F_SETLKW, F_GETLK).
+int sysFcntlLock(int fd, int cmd, struct flock* lock);

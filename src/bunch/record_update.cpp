@@ -1,0 +1,233 @@
+#include "bunch/record_update.h"
+
+#include "bunch/path_index.h"
+#include "cli/dispatch.h"
+#include "records/record_edit.h"
+#include "support/consistency.h"
+#include "support/sys_call.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+char* ulineP = nullptr;
+char* upathP = nullptr;
+char* uattrP = nullptr;
+int ulineSize = 0;
+int upathSize = 0;
+int uattrSize = 0;
+
+namespace {
+
+void systemError(const char* prefix)
+{
+    std::fprintf(stderr, "%s: %s\n", prefix, std::strerror(errno));
+}
+
+bool allocOne(char** buf, int* size, int bytes)
+{
+    void* p = sysRealloc(*buf, static_cast<size_t>(bytes));
+    if (p == nullptr)
+        return false;
+    *buf = static_cast<char*>(p);
+    *size = bytes;
+    return true;
+}
+
+// The record line that starts at `offset`, read with positioned reads into
+// the updater's line buffer (header lines are passed over, as the reader
+// passes them). 1 read; 0 end of the file; -1 read or memory failure.
+int readLineAt(int fd, offset_t offset, size_t* len, offset_t* lineStart)
+{
+    for (;;) {
+        size_t have = 0;
+        for (;;) {
+            ssize_t got = sysPread(fd, ulineP + have, static_cast<size_t>(ulineSize - 1) - have,
+                                   static_cast<off_t>(offset + static_cast<offset_t>(have)));
+            if (got < 0)
+                return -1;
+            have += static_cast<size_t>(got);
+            ulineP[have] = '\0';
+            char* lf = static_cast<char*>(std::memchr(ulineP, '\n', have));
+            if (lf != nullptr) {
+                ulineP[lf - ulineP + 1] = '\0';
+                have = static_cast<size_t>(lf - ulineP) + 1;
+                break;
+            }
+            if (got == 0)
+                return 0; // no whole line before the end of the file
+            if (have + 1 == static_cast<size_t>(ulineSize)
+                && (ulineSize > INT_MAX / 2 || !allocOne(&ulineP, &ulineSize, ulineSize * 2)))
+                return -1;
+        }
+        if (!isShadowHeaderLine(ulineP)) {
+            *len = std::strlen(ulineP);
+            *lineStart = offset;
+            return 1;
+        }
+        offset += static_cast<offset_t>(have);
+    }
+}
+
+struct Record {
+    offset_t offset = 0;
+    size_t len = 0;
+    uint64_t ino = 0;
+    uint64_t gen = 0;
+    int flag = 0;
+};
+
+// Reads and parses the record at `offset`; the reader's result, with 0 and
+// `eof` at the end of the file.
+int readRecordAt(int fd, offset_t offset, Record& rec, bool& eof)
+{
+    eof = false;
+    int got = readLineAt(fd, offset, &rec.len, &rec.offset);
+    if (got <= 0) {
+        eof = got == 0;
+        return got;
+    }
+    return parsePolicyRecordLine(ulineP, rec.len, ulineSize, &rec.ino, &rec.gen, &upathP, &upathSize, &uattrP,
+                                 &uattrSize, nullptr, nullptr, &rec.flag, nullptr);
+}
+
+// Rewrites the line in the buffer over itself.
+bool writeLineAt(int fd, const Record& rec)
+{
+    size_t done = 0;
+    while (done < rec.len) {
+        ssize_t put = sysPwrite(fd, ulineP + done, rec.len - done, static_cast<off_t>(rec.offset) + static_cast<off_t>(done));
+        if (put <= 0)
+            return false;
+        done += static_cast<size_t>(put);
+    }
+    return true;
+}
+
+} // namespace
+
+bool allocUpdateBuffers()
+{
+    return allocOne(&ulineP, &ulineSize, PDR_LINE_BUF_SIZE) && allocOne(&upathP, &upathSize, PDR_PATH_BUF_SIZE)
+           && allocOne(&uattrP, &uattrSize, PDR_SHOW_BUF_SIZE);
+}
+
+void freeUpdateBuffers()
+{
+    for (char** buf : {&ulineP, &upathP, &uattrP}) {
+        std::free(*buf);
+        *buf = nullptr;
+    }
+    ulineSize = upathSize = uattrSize = 0;
+}
+
+int updateShadowPDR(FILE* shadow, offset_t offset, int newState, uint32_t slot)
+{
+    if (quenby_debug > 0)
+        std::fprintf(stderr, "quenby:updateShadowPDR()Entry: 0x%llx to [%x]\n", static_cast<unsigned long long>(offset),
+                     newState);
+    const bool hasSlot = gsiHashP != nullptr && slot < gsiCount;
+    const uint32_t mark = hasSlot ? gsiHashP[slot].updateMark : UINT32_MAX;
+
+    // Repeated reports of one file cost nothing.
+    if ((newState == PDR_DELETE && mark == GSI_MARK_DELETE) || (newState == PDR_NORMAL && mark == GSI_MARK_NORMAL)
+        || (newState == PDR_BACKUP && (mark == GSI_MARK_NONE || mark == GSI_MARK_BACKUP))) {
+        if (quenby_debug > 0)
+            std::fprintf(stderr, "quenby:updateShadowPDR() no %s update required State:%x  off: 0x%llx update:%x\n",
+                         mark == GSI_MARK_DELETE ? "expire" : "backup", newState,
+                         static_cast<unsigned long long>(offset), mark);
+        return 0;
+    }
+
+    const int fd = fileno(shadow);
+    if (offset < 0) {
+        errno = EINVAL;
+        systemError("quenby:updateShadowPDR() seek1 failed");
+        return -1;
+    }
+    Record rec;
+    bool eof = false;
+    int rc = readRecordAt(fd, offset, rec, eof);
+    if (rc < 0 || eof) {
+        std::fprintf(stderr, "updateShadowPDR() read2 failed code %d\n", rc);
+        return rc;
+    }
+    int uflag = rec.flag;
+    if (quenby_debug > 2)
+        std::fprintf(stderr, "quenby:updateShadowPDR() ino:0x%llx prev state:%x\n",
+                     static_cast<unsigned long long>(rec.ino), uflag);
+
+    // A pair: its first record tells the state of both.
+    const bool resolvePair = newState == PDR_NORMAL && uflag == PDR_CHANGE;
+    const bool revertPair = newState == PDR_BACKUP && uflag == PDR_DELETE;
+    if (resolvePair || revertPair) {
+        const int firstState = resolvePair ? PDR_DELETE : PDR_CHANGE;
+        const int secondState = resolvePair ? PDR_NORMAL : PDR_BACKUP;
+        if (int code = changePDRState(ulineP, firstState)) {
+            std::fprintf(stderr, "updateShadowPDR() change state1 failed. ino 0x%llx state %x -> %x code %d\n",
+                         static_cast<unsigned long long>(rec.ino), uflag, firstState, code);
+            return code;
+        }
+        if (!writeLineAt(fd, rec)) {
+            systemError("updateShadowPDR() fputs1 failed");
+            return -1;
+        }
+        const offset_t secondOffset = rec.offset + static_cast<offset_t>(rec.len);
+        if (quenby_debug > 0)
+            std::fprintf(stderr, "quenby:updateShadowPDR() update 1 of 2 State:%x -> %x off: 0x%llx\n", uflag,
+                         firstState, static_cast<unsigned long long>(secondOffset));
+        const uint64_t preino = rec.ino;
+        const uint64_t pregen = rec.gen;
+        rc = readRecordAt(fd, secondOffset, rec, eof);
+        if (rc < 0 || eof) {
+            std::fprintf(stderr, "updateShadowPDR() read2 failed code %d\n", rc);
+            return rc;
+        }
+        uflag = rec.flag;
+        // A broken pair stops here: the second record is not rewritten.
+        quenbyCheck(rec.ino == preino, "uino == preino");
+        quenbyCheck(rec.gen == pregen, "ugen == pregen");
+        quenbyCheck(newState == PDR_NORMAL ? (uflag == PDR_BACKUP || uflag == PDR_METACH) : (uflag == PDR_NORMAL),
+                    "newState == 0x0? ((uflag == 0xb) || (uflag == 0xa)): (uflag == 0x0)");
+        quenbyCheck(secondState == newState, "pdr2NewState == newState");
+        offset = rec.offset;
+    }
+
+    if (uflag == newState) {
+        if (quenby_debug > 0)
+            std::fprintf(stderr, "quenby:updateShadowPDR() no updated needed for ino:0x%llx states:0x%x -> 0x%x off: 0x%llx\n",
+                         static_cast<unsigned long long>(rec.ino), newState, newState,
+                         static_cast<unsigned long long>(offset));
+        return 0;
+    }
+    if (newState == PDR_BACKUP)
+        std::fprintf(stderr, "quenby:QBS transaction failure. Reverting record [%s]\n", upathP);
+
+    if (int code = changePDRState(ulineP, newState)) {
+        std::fprintf(stderr, "updateShadowPDR() change state2 %d -> %d code %d\n", uflag, newState, code);
+        return code;
+    }
+    if (!writeLineAt(fd, rec)) {
+        systemError("updateShadowPDR() fputs2 failed");
+        return -1;
+    }
+
+    int result = 0;
+    if (hasSlot) {
+        if (newState == PDR_DELETE)
+            gsiHashP[slot].updateMark = GSI_MARK_DELETE;
+        else if (newState == PDR_NORMAL)
+            gsiHashP[slot].updateMark = GSI_MARK_NORMAL;
+        else if (newState == PDR_BACKUP)
+            gsiHashP[slot].updateMark = GSI_MARK_BACKUP;
+        else {
+            std::fprintf(stderr, "updateShadowPDR() unexpected state change 0x%x\n", newState);
+            result = -1;
+        }
+    }
+    if (quenby_debug > 0)
+        std::fprintf(stderr, "quenby:updateShadowPDR() exit. Updated PDR State:%x -> %x off:0x%llx code:%d\n", uflag,
+                     newState, static_cast<unsigned long long>(offset), result);
+    return result;
+}
