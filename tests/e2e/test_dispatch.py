@@ -43,6 +43,18 @@ def stub(keyword, args):
             "stdout": "", "stderr": "quenby: %s is not built yet\n" % keyword, "status": 255}
 
 
+def reached(keyword, args, stdout="", stderr=""):
+    """A built sub-command got the arguments: its own failure shows it."""
+    return {"name": "%s with %d arguments reaches the sub-command" % (keyword, len(args)),
+            "args": [keyword] + args, "stdout": stdout, "stderr": stderr, "status": 255}
+
+
+EXECBUNCH_USAGE = ("Usage: quenby execBunch <inList> <outChange> <outExpire> <outStateChange> <shadowDB> "
+                   "<bunchSize> [<removePath>] \n")
+EXECBUNCH_NOFILE = "quenby:execBunch() error -1 parsing records, skipping exec\n"
+NOFILE = "quenby: input file nofile could not be opened\n"
+
+
 def invalid(keyword):
     return {"name": "invalid keyword %r" % keyword, "args": [keyword],
             "stdout": "", "stderr": "quenby: Invalid Keyword: %s\n" % keyword, "status": 22}
@@ -80,16 +92,17 @@ USAGE_CASES = (
     + [usage("verifyshadow", n, U7) for n in (0, 1, 6)]
 )
 
-# Correct counts get past the driver; these sub-commands are placeholders.
+# Correct counts get past the driver to the sub-command.
 STUB_CASES = [
     stub("clustermigdiff", words(4)),
     stub("rebuildshadow", words(3)),
     stub("rebuildshadow", words(4)),
     stub("rebuildshadow", words(5)),
-    stub("execbunch", words(6)),
-    stub("execbunch", words(7)),
-    stub("execbunch", ["f", "c", "e", "s", "db", "abc"]),
-    stub("execbunch", words(6) + ["", "a8"]),
+    reached("execbunch", ["f", "c", "e", "s", "db", "abc"], stdout=EXECBUNCH_USAGE),
+    reached("execbunch", ["nofile", "c", "e", "s", "db", "10"], stdout=EXECBUNCH_NOFILE, stderr=NOFILE),
+    reached("execbunch", ["nofile", "c", "e", "s", "db", "10", "/fs"], stdout=EXECBUNCH_NOFILE, stderr=NOFILE),
+    reached("execbunch", ["nofile", "c", "e", "s", "db", "10", "", "a8"], stdout=EXECBUNCH_NOFILE,
+            stderr=NOFILE),
     stub("validateqbsclient", words(3)),
     stub("verifyshadow", words(2)),
     stub("verifyshadow", words(3)),
