@@ -194,12 +194,14 @@ int gsi_addIndex(char* pathP, offset_t index)
         if (gsiHashP == nullptr)
             return -1;
     }
-    uint32_t h = gsimu.universalHash(pathP, static_cast<uint32_t>(std::strlen(pathP))) % gsiCount;
+    uint32_t hash = gsimu.universalHash(pathP, static_cast<uint32_t>(std::strlen(pathP)));
+    uint32_t h = hash % gsiCount;
     uint32_t s = h;
     do {
         if (gsiHashP[s].index == 0) {
             gsiHashP[s].index = index;
             gsiHashP[s].pathP = pathP;
+            gsiHashP[s].hash = hash;
             if (quenby_debug > 2)
                 std::fprintf(stderr, "quenby: gsi_addIndex()->0x%llx\n", static_cast<unsigned long long>(s));
             return static_cast<int>(s);
@@ -234,10 +236,14 @@ offset_t gsi_findIndex(const char* pathP, uint32_t* slotOut)
     offset_t result = 0;
     uint32_t slot = 0;
     if (gsiHashP != nullptr) {
-        uint32_t h = gsimu.universalHash(pathP, static_cast<uint32_t>(std::strlen(pathP))) % gsiCount;
+        const uint32_t hash = gsimu.universalHash(pathP, static_cast<uint32_t>(std::strlen(pathP)));
+        const uint32_t h = hash % gsiCount;
+        auto matches = [&](const gsiSlot_t& slot) {
+            return slot.hash == hash && std::strcmp(slot.pathP, pathP) == 0;
+        };
         if (quenby_debug > 2)
             std::fprintf(stderr, "quenby:gsi_findIndex: looking for [%s] at %d\n", pathP, static_cast<int>(h));
-        if (gsiHashP[h].index != 0 && std::strcmp(gsiHashP[h].pathP, pathP) == 0) {
+        if (gsiHashP[h].index != 0 && matches(gsiHashP[h])) {
             result = gsiHashP[h].index;
             slot = h;
         } else {
@@ -251,7 +257,7 @@ offset_t gsi_findIndex(const char* pathP, uint32_t* slotOut)
                 }
                 if (gsiHashP[s].index == 0)
                     break;
-                if (std::strcmp(gsiHashP[s].pathP, pathP) == 0) {
+                if (matches(gsiHashP[s])) {
                     if (quenby_debug > 2)
                         std::fprintf(stderr, "quenby:gsi_findIndex: found match at %d\n", static_cast<int>(s));
                     result = gsiHashP[s].index;

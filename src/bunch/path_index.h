@@ -49,11 +49,13 @@ public:
 extern const uint32_t c_mix[MUHash::mixWords];
 extern MUHash gsimu;
 
-// One slot of the path index; `index` 0 marks an empty slot.
+// One slot of the path index; `index` 0 marks an empty slot. The path's
+// full hash is kept so that a probe compares paths only when it matches.
 struct gsiSlot_t {
     offset_t index;
     char* pathP;
     uint32_t updateMark;
+    uint32_t hash;
 };
 
 // What this run already did to a record.
