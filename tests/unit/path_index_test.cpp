@@ -1,1 +1,115 @@
+// The path index and its hash: fixed hash values, probing with wrap-around,
+// full and unconfigured tables, and the block-packed path store.
+#include "bunch/path_index.h"
+
+#include "support/consistency.h"
 #include "test_util.h"
+
+#include <cstring>
+
+namespace {
+
+char* store(std::string path) { return pnb_storePath(path.data()); }
+// Built by appending: GCC 12 warns falsely on "text" + std::string temporaries.
+std::string numbered(const char* prefix, int i) { return std::string(prefix).append(std::to_string(i)); }
+
+class PathIndex : public testing::Test {
+protected:
+    void SetUp() override { pathIndexReset(); gsiCount = 100; }
+    void TearDown() override { pathIndexReset(); }
+};
+
+TEST(MUHashTest, FixedValuesAndSeeds)
+{
+    // Longer keys first, so shorter ones run over a reused scratch buffer. The
+    // 1000-byte key (value from an independent model) takes the mixing-word
+    // pairs through several wraps.
+    const std::pair<std::string, uint32_t> cases[] = {{std::string(1000, 'k'), 0x784b020c},
+        {"dir1/file.txt", 0x13d3e2d0}, {"123456789", 0x29ec5e32}, {"12345678", 0x5c6040ce}, {"a/b/c", 0x8a3466cd},
+        {"/a", 0xc6304d52}, {"a", 0x48e79f7c}, {"", 0xaf48fcc8}};
+    for (const auto& [key, want] : cases)
+        EXPECT_EQ(gsimu.universalHash(key.data(), key.size()), want) << key;
+
+    MUHash be, raw;
+    be.set_mix("abc", 3, false);
+    raw.set_mix("abc", 3, true);
+    EXPECT_EQ(be.mix[36] ^ c_mix[36], 0x61626361u); // the seed repeats over 148 bytes: word 36 is "abca"
+    EXPECT_NE(be.universalHash("a/b/c", 5), 0x8a3466cdu);
+    EXPECT_NE(be.universalHash("a/b/c", 5), raw.universalHash("a/b/c", 5)); // little-endian host
+    be.re_mix("abc", 3, false); // XORs into the current words
+    raw.set_mix(nullptr, 0, true);
+    EXPECT_EQ(be.universalHash("a/b/c", 5), 0x8a3466cdu);
+    EXPECT_EQ(raw.universalHash("a/b/c", 5), 0x8a3466cdu);
+}
+
+TEST_F(PathIndex, CollisionsWrapAndDuplicatesKeepTheFirst)
+{
+    std::vector<std::string> last; // home slot 99, the last one
+    for (int i = 0; last.size() < 3; ++i)
+        if (std::string p = numbered("p", i); gsimu.universalHash(p.data(), p.size()) % 100 == 99)
+            last.push_back(p);
+    EXPECT_EQ(gsi_addIndex(store(last[0]), 0x10), 99);
+    EXPECT_EQ(gsi_addIndex(store(last[1]), 0x20), 0);
+    uint32_t slot = 7;
+    EXPECT_EQ(gsi_findIndex(last[0].c_str(), nullptr), 0x10);
+    EXPECT_EQ(gsi_findIndex(last[1].c_str(), &slot), 0x20);
+    EXPECT_EQ(slot, 0u);
+    EXPECT_EQ(gsi_findIndex(last[2].c_str(), nullptr), 0);
+
+    int first = gsi_addIndex(store("dup"), 0x100);
+    EXPECT_NE(gsi_addIndex(store("dup"), 0x200), first);
+    EXPECT_EQ(gsi_findIndex("dup", nullptr), 0x100);
+}
+
+TEST_F(PathIndex, FullOrUnconfiguredTableRefuses)
+{
+    for (int i = 0; i < 100; ++i)
+        ASSERT_EQ(gsi_insert(numbered("f", i).data(), i + 1), 0);
+    std::vector<gsiSlot_t> before(gsiHashP, gsiHashP + gsiCount);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(gsi_insert(std::string("more").data(), 0x77), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "gsi_insert() failed to add provided path more at index 0x77\n");
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(gsiHashP[i].index, before[i].index);
+        EXPECT_EQ(gsi_findIndex(numbered("f", i).c_str(), nullptr), i + 1);
+    }
+    EXPECT_EQ(gsi_findIndex("missing", nullptr), 0);
+
+    pathIndexReset();
+    EXPECT_EQ(gsi_addIndex(store("y"), 2), -1);
+    uint32_t slot = 5;
+    EXPECT_EQ(gsi_findIndex("y", &slot), 0);
+    EXPECT_EQ(slot, 0u);
+}
+
+TEST_F(PathIndex, StoreCutsTheLineFeedPacksBlocksAndRefusesBadPaths)
+{
+    char text[] = "d/e\n";
+    ASSERT_EQ(gsi_insert(text, 9), 0);
+    EXPECT_STREQ(text, "d/e");
+    EXPECT_EQ(gsi_findIndex("d/e", nullptr), 9);
+
+    pathIndexReset();
+    char* first = store(std::string(PNB_BLOCK_SIZE - 1, 'h'));
+    EXPECT_EQ(first, pnbAnchorP->bufP);
+    EXPECT_EQ(pnbAnchorP->freeLen, 0u);
+    char* next = store("n");
+    EXPECT_EQ(pnbAnchorP->nextP, pnbLastBufP);
+    EXPECT_EQ(next, pnbLastBufP->bufP);
+
+    pathIndexReset();
+    for (int i = 0; i < 95325; ++i)
+        ASSERT_NE(store("0123456789"), nullptr);
+    EXPECT_EQ(pnbAnchorP->freeLen, 1u);
+    next = store("0123456789");
+    EXPECT_EQ(pnbAnchorP->nextP, pnbLastBufP);
+    EXPECT_EQ(next, pnbLastBufP->bufP);
+
+    // Broken conditions.
+    EXPECT_THROW(store(""), ConsistencyError);
+    EXPECT_THROW(store(std::string(PNB_BLOCK_SIZE, 'x')), ConsistencyError);
+    EXPECT_THROW(gsi_addIndex(store("z"), 0), ConsistencyError);
+    EXPECT_THROW(gsi_findIndex(nullptr, nullptr), ConsistencyError);
+}
+
+} // namespace
