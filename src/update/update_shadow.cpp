@@ -6,6 +6,7 @@
 #include "support/file_open.h"
 #include "support/file_stream.h"
 #include "support/sys_call.h"
+#include "update/record_merge.h"
 #include "update/shadow_header.h"
 
 #include <cstdint>
@@ -18,7 +19,6 @@
 namespace {
 
 constexpr size_t kStreamBufferSize = 1 << 20;
-constexpr uint64_t kAnyGeneration = 0xffffffffffffffffULL;
 inline constexpr char kSnapshotPrefix[] = ".snapshots/.kestrelSnapshot";
 inline constexpr char kResident[] = "resdnt";
 inline constexpr char kMigrated[] = "migrat";
@@ -63,14 +63,6 @@ struct Settings {
     const char* backupDirEnv = nullptr;
 };
 
-struct Counts {
-    int changed = 0;
-    int expired = 0;
-    int unsupported = 0;
-    int hsm = 0;
-    bool unsupportedWritten = false;
-};
-
 struct Files {
     StdioFile oldShadow;
     StdioFile newShadow;
@@ -96,14 +88,6 @@ struct Files {
     }
 };
 
-// One record side of the merge with what the merge adds to the reader's
-// outputs.
-struct MergeRecord {
-    PolicyRecord rec;
-    int flag = 0;           // the flag the decisions see
-    int rememberedFlag = 0; // the flag as read, for the old-format conversion
-};
-
 // Whether an output names the same regular file as an input: writing it
 // would destroy the input.
 bool sameRegularFile(const char* a, const char* b)
@@ -114,44 +98,36 @@ bool sameRegularFile(const char* a, const char* b)
     return S_ISREG(sa.st_mode) && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
 }
 
-class ShadowMerge {
+class ShadowMerge : public RecordMerge {
 public:
-    ShadowMerge(const Settings& settings, Files& files, const char* newShadowName, MergeRecord& oldSide,
-                MergeRecord& newSide, offset_t writePos, Counts& counts)
-        : s_(settings), f_(files), newShadowName_(newShadowName), old_(oldSide), new_(newSide),
-          writePos_(writePos), counts_(counts)
+    ShadowMerge(const Settings& settings, Files& files, const char* newShadowName, MergeSide& oldSide,
+                MergeSide& newSide, offset_t writePos, MergeCounts& counts)
+        : RecordMerge("updateShadow", files.oldShadow.get(),
+                      settings.conversion || settings.migrationExpiry ? nullptr : files.list.get(), oldSide, newSide,
+                      counts),
+          s_(settings), f_(files), newShadowName_(newShadowName), writePos_(writePos)
     {
     }
 
-    int run();
-
 private:
-    enum Keep { keepNeither, keepOld, keepNew };
-
-    int readRecord(PolicyRecord& rec, FILE* in, bool readingRules, bool noMoreOldStage);
-    int readOld(bool readingRules);
-    int readNew(bool noMoreOldStage);
-    void noteUnsupported(const PolicyRecord& rec, bool noMoreOldStage);
-
-    int decide(Keep& keep);
-    int noMoreOld();
-    int noMoreNew();
+    int readOld(bool readingRules) override;
+    int readNew(bool noMoreOldStage) override;
+    bool setAsideUnsupported(const PolicyRecord& rec, bool noMoreOldStage) override;
+    int decide(Keep& keep) override;
+    int noMoreOld() override;
+    int noMoreNew() override;
     int convertRemainingOld();
     int expireRemainingSnapshots();
 
-    int setState(PolicyRecord& rec, int state, int place);
     int write(const PolicyRecord& rec, int place);
     int expireOld(int editPlace, const char* label);
-    int listNew(int state, const char* label, bool toChangedList = false);
-    int listExpired(const char* label);
+    int listNewHere(int state, const char* label, bool toChangedList = false);
+    int listExpiredHere(const char* label);
 
     const Settings& s_;
     Files& f_;
     const char* newShadowName_;
-    MergeRecord& old_;
-    MergeRecord& new_;
     offset_t writePos_;
-    Counts& counts_;
 
     uint64_t lastOldIno_ = 0;
     bool afterChange_ = false;
@@ -159,7 +135,9 @@ private:
     bool toHsmList_ = false;
 };
 
-void ShadowMerge::noteUnsupported(const PolicyRecord& rec, bool noMoreOldStage)
+// An unsupported record goes to the unsupported list and not into the new
+// shadow database; it is counted even when it could not be listed.
+bool ShadowMerge::setAsideUnsupported(const PolicyRecord& rec, bool noMoreOldStage)
 {
     FILE* list = f_.unsupported.get();
     if (list != nullptr && sysFwrite(rec.line.ptr, rec.lineLength, list) == rec.lineLength) {
@@ -170,32 +148,13 @@ void ShadowMerge::noteUnsupported(const PolicyRecord& rec, bool noMoreOldStage)
         std::fprintf(stderr, "quenby:updateShadow skipping unsupported char [%s]\n", rec.path.ptr);
     }
     ++counts_.unsupported;
-}
-
-// Reads the next record of one side. With the reading rules, unsupported
-// records go to the unsupported list and internal ones are skipped; once the
-// scan list has run out, old records are taken by their flag alone.
-int ShadowMerge::readRecord(PolicyRecord& rec, FILE* in, bool readingRules, bool noMoreOldStage)
-{
-    for (;;) {
-        int rc = rec.read(in);
-        if (rc < 0 || rec.endOfFile)
-            return rc < 0 ? rc : 0;
-        if (readingRules && rc == PDR_UNSUPPORTED) {
-            noteUnsupported(rec, noMoreOldStage);
-        } else if (readingRules && rc == PDR_INTERNAL) {
-            if (quenby_debug > 4)
-                std::fprintf(stderr, "quenby:updateShadow skipping internal path [%s]\n", rec.path.ptr);
-        } else {
-            return 0;
-        }
-    }
+    return true;
 }
 
 int ShadowMerge::readOld(bool readingRules)
 {
     PolicyRecord& rec = old_.rec;
-    if (int rc = readRecord(rec, f_.oldShadow.get(), readingRules, false); rc != 0 || rec.endOfFile)
+    if (int rc = readRecord(rec, oldIn_, readingRules, false); rc != 0 || rec.endOfFile)
         return rc;
     if (s_.oldFormat) {
         old_.rememberedFlag = rec.state;
@@ -211,23 +170,13 @@ int ShadowMerge::readOld(bool readingRules)
 int ShadowMerge::readNew(bool noMoreOldStage)
 {
     PolicyRecord& rec = new_.rec;
-    if (int rc = readRecord(rec, f_.list.get(), true, noMoreOldStage); rc != 0 || rec.endOfFile)
+    if (int rc = readRecord(rec, newIn_, true, noMoreOldStage); rc != 0 || rec.endOfFile)
         return rc;
     if (rec.hsmState == nullptr)
         rec.hsmState = const_cast<char*>(kResident);
     new_.flag = rec.state;
     migrated_ = std::strcmp(rec.hsmState, kMigrated) == 0;
     toHsmList_ = migrated_ && f_.hsmMig;
-    return 0;
-}
-
-int ShadowMerge::setState(PolicyRecord& rec, int state, int place)
-{
-    int rc = changePDRState(rec.line.ptr, state);
-    if (rc != 0) {
-        std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::Corrupt PDR detected (%d) at %d\n", rc, place);
-        return place;
-    }
     return 0;
 }
 
@@ -243,15 +192,9 @@ int ShadowMerge::write(const PolicyRecord& rec, int place)
 
 // The old record's expired line at the write position, where the old
 // record is about to be written.
-int ShadowMerge::listExpired(const char* label)
+int ShadowMerge::listExpiredHere(const char* label)
 {
-    int rc = updatePDRForExpire(old_.rec.line.ptr, old_.rec.path.ptr, f_.expired.get(), writePos_);
-    if (rc != 0) {
-        std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::%s failed (%d)\n", label, rc);
-        return rc;
-    }
-    ++counts_.expired;
-    return 0;
+    return listExpired(f_.expired.get(), writePos_, label);
 }
 
 int ShadowMerge::expireOld(int editPlace, const char* label)
@@ -260,53 +203,19 @@ int ShadowMerge::expireOld(int editPlace, const char* label)
         return 0;
     if (int rc = setState(old_.rec, PDR_EXPIRE, editPlace))
         return rc;
-    return listExpired(label);
+    return listExpiredHere(label);
 }
 
-int ShadowMerge::listNew(int state, const char* label, bool toChangedList)
+// The new record's line, at the write position, goes to the HSM-migrated
+// list for a migrated file unless `toChangedList` says otherwise.
+int ShadowMerge::listNewHere(int state, const char* label, bool toChangedList)
 {
     bool toHsm = toHsmList_ && !toChangedList;
-    FILE* out = toHsm ? f_.hsmMig.get() : f_.changed.get();
-    int rc = updatePDRForBackup(new_.rec.line.ptr, new_.rec.path.ptr, out, state, writePos_);
-    if (rc != 0) {
-        std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::%s failed (%d)\n", label, rc);
+    if (int rc = listNew(toHsm ? f_.hsmMig.get() : f_.changed.get(), state, writePos_, label))
         return rc;
-    }
-    ++counts_.changed;
     if (toHsm)
         ++counts_.hsm;
     return 0;
-}
-
-int ShadowMerge::run()
-{
-    bool scanOpen = !s_.conversion && !s_.migrationExpiry && f_.list;
-    if (int rc = readOld(true))
-        return rc;
-    if (scanOpen) {
-        if (int rc = readNew(false))
-            return rc;
-    } else {
-        new_.rec.endOfFile = 1;
-    }
-    for (;;) {
-        if (old_.rec.endOfFile)
-            return noMoreOld();
-        if (new_.rec.endOfFile)
-            return noMoreNew();
-        if (quenby_debug > 4)
-            std::fprintf(stderr, "quenby:updateShadow(old %x new %x) comparing \n %s %s", old_.flag, new_.flag,
-                         old_.rec.line.ptr, new_.rec.line.ptr);
-        Keep keep = keepNeither;
-        if (int rc = decide(keep))
-            return rc;
-        if (keep != keepOld)
-            if (int rc = readOld(true))
-                return rc;
-        if (keep != keepNew)
-            if (int rc = readNew(false))
-                return rc;
-    }
 }
 
 // One merge decision: the first row whose condition holds.
@@ -341,7 +250,7 @@ int ShadowMerge::decide(Keep& keep)
         if (debug)
             std::fprintf(stderr, "quenby:updateShadow:BACKUP old/new ino [%llx/%llx]\n%s",
                          (unsigned long long)o.ino, (unsigned long long)n.ino, n.line.ptr);
-        (rc = setState(n, PDR_BACKUP, failR3EditNew)) || (rc = listNew(PDR_BACKUP, "updatePDRForBackup 2"))
+        (rc = setState(n, PDR_BACKUP, failR3EditNew)) || (rc = listNewHere(PDR_BACKUP, "updatePDRForBackup 2"))
             || (rc = write(n, failR3WriteNew));
         keep = keepOld;
     } else if (pending && oldBelow) {
@@ -356,7 +265,7 @@ int ShadowMerge::decide(Keep& keep)
         if (debug)
             std::fprintf(stderr, "quenby:updateShadow:BACKUP same ino/gen [%llx/%llx] mig [%x]\n%s",
                          (unsigned long long)o.ino, (unsigned long long)o.gen, migrated_, n.line.ptr);
-        (rc = setState(n, oldFlag, failR5EditNew)) || (rc = listNew(oldFlag, "updatePDRForBackup 4"))
+        (rc = setState(n, oldFlag, failR5EditNew)) || (rc = listNewHere(oldFlag, "updatePDRForBackup 4"))
             || (rc = write(n, failR5WriteNew));
     } else if (pending) {
         // Row 6: a pending backup whose inode number was reused.
@@ -365,7 +274,7 @@ int ShadowMerge::decide(Keep& keep)
                          (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen,
                          migrated_, n.line.ptr);
         (rc = expireOld(failR6EditOld, "updatePDRForExpire 4")) || (rc = write(o, failR6WriteOld))
-            || (rc = setState(n, oldFlag, failR6EditNew)) || (rc = listNew(oldFlag, "updatePDRForBackup 6"))
+            || (rc = setState(n, oldFlag, failR6EditNew)) || (rc = listNewHere(oldFlag, "updatePDRForBackup 6"))
             || (rc = write(n, failR6WriteNew));
     } else if (oldFlag == PDR_CHANGE && oldBelow) {
         // Row 7: the old half of a pair whose file is gone.
@@ -378,7 +287,7 @@ int ShadowMerge::decide(Keep& keep)
         if (debug)
             std::fprintf(stderr, "quenby:updateShadow:CHANGE/BACKUP same ino/gen [%llx:%llx] mig [%x]\n%s",
                          (unsigned long long)o.ino, (unsigned long long)o.gen, migrated_, n.line.ptr);
-        (rc = listNew(PDR_BACKUP, "updatePDRForBackup 16")) || (rc = write(o, failR8WriteOld))
+        (rc = listNewHere(PDR_BACKUP, "updatePDRForBackup 16")) || (rc = write(o, failR8WriteOld))
             || (rc = setState(n, PDR_BACKUP, failR8EditNew)) || (rc = write(n, failR8WriteNew));
     } else if (oldFlag == PDR_CHANGE) {
         // Row 9: the pair's inode number was reused.
@@ -392,12 +301,10 @@ int ShadowMerge::decide(Keep& keep)
     } else if (oldFlag == PDR_EXPIRE) {
         // Row 10: an expiry still pending is listed again.
         if (!s_.backupOnly)
-            rc = listExpired("updatePDRForExpire 18");
+            rc = listExpiredHere("updatePDRForExpire 18");
         rc = rc ? rc : write(o, failR10WriteOld);
         keep = keepNew;
-    } else if (o.lineLength == n.lineLength && std::memcmp(o.line.ptr, n.line.ptr, o.lineLength) == 0
-               && std::strcmp(o.filesetName, n.filesetName) == 0 && o.hsmState != nullptr
-               && n.hsmState != nullptr && std::strcmp(o.hsmState, n.hsmState) == 0) {
+    } else if (sameRecord()) {
         // Row 11: nothing changed at all.
         (rc = setState(o, PDR_NORMAL, failR11EditOld)) || (rc = write(o, failR11WriteOld));
     } else if (oldBelow) {
@@ -410,15 +317,15 @@ int ShadowMerge::decide(Keep& keep)
             std::fprintf(stderr, "quenby:updateShadow:BACKUP path change [%s]\n[%s] mig [%x]\n%s", o.path.ptr,
                          n.path.ptr, migrated_, n.line.ptr);
         (rc = expireOld(failR13EditOld, "updatePDRForExpire 10")) || (rc = write(o, failR13WriteOld))
-            || (rc = setState(n, PDR_BACKUP, failR13EditNew)) || (rc = listNew(PDR_BACKUP, "updatePDRForBackup 8"))
+            || (rc = setState(n, PDR_BACKUP, failR13EditNew)) || (rc = listNewHere(PDR_BACKUP, "updatePDRForBackup 8"))
             || (rc = write(n, failR13WriteNew));
-    } else if (!sameGen && o.gen != kAnyGeneration) {
+    } else if (!sameGen && o.gen != MERGE_ANY_GENERATION) {
         // Row 14: same path, another file.
         if (debug)
             std::fprintf(stderr, "quenby:updateShadow:NORMAL same ino:o/ngen [%llx:%llx/%llx] mig [%x]\n%s",
                          (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen,
                          migrated_, n.line.ptr);
-        (rc = setState(n, PDR_BACKUP, failR14EditNew)) || (rc = listNew(PDR_BACKUP, "updatePDRForBackup 10"))
+        (rc = setState(n, PDR_BACKUP, failR14EditNew)) || (rc = listNewHere(PDR_BACKUP, "updatePDRForBackup 10"))
             || (rc = write(n, failR14WriteNew));
     } else {
         const char* oldHsm = o.hsmState != nullptr ? o.hsmState : n.hsmState;
@@ -433,7 +340,7 @@ int ShadowMerge::decide(Keep& keep)
                              n.line.ptr);
             int state = s_.incrSupported && (d & (SHOW_CTIME_CHANGED | SHOW_HSM_CHANGED)) ? PDR_METACH : PDR_BACKUP;
             (rc = setState(o, PDR_CHANGE, failR16EditOld))
-                || (rc = listNew(state, "updatePDRForBackup 12", d == SHOW_HSM_CHANGED))
+                || (rc = listNewHere(state, "updatePDRForBackup 12", d == SHOW_HSM_CHANGED))
                 || (rc = write(o, failR16WriteOld)) || (rc = setState(n, state, failR16EditNew))
                 || (rc = write(n, failR16WriteNew));
         }
@@ -452,7 +359,7 @@ int ShadowMerge::noMoreOld()
         if (quenby_debug > 4)
             std::fprintf(stderr, "quenby:updateShadow:BACKUP no more old mig [%x]\n%s", migrated_, n.line.ptr);
         int rc = 0;
-        (rc = setState(n, PDR_BACKUP, failNoOldEditNew)) || (rc = listNew(PDR_BACKUP, "updatePDRForBackup 14"))
+        (rc = setState(n, PDR_BACKUP, failNoOldEditNew)) || (rc = listNewHere(PDR_BACKUP, "updatePDRForBackup 14"))
             || (rc = write(n, failNoOldWriteNew)) || (rc = readNew(true));
         if (rc)
             return rc;
@@ -481,12 +388,12 @@ int ShadowMerge::noMoreNew()
         case PDR_BACKUP:
         case PDR_CHANGE:
             if (!s_.backupOnly)
-                (rc = setState(o, PDR_EXPIRE, failNoNewEditOld)) || (rc = listExpired("updatePDRForExpire 12"));
+                (rc = setState(o, PDR_EXPIRE, failNoNewEditOld)) || (rc = listExpiredHere("updatePDRForExpire 12"));
             rc = rc ? rc : write(o, failNoNewWriteOld);
             break;
         case PDR_EXPIRE:
             if (!s_.backupOnly)
-                rc = listExpired("updatePDRForExpire 14");
+                rc = listExpiredHere("updatePDRForExpire 14");
             rc = rc ? rc : write(o, failNoNewWriteOld);
             break;
         default:
@@ -538,7 +445,7 @@ int ShadowMerge::expireRemainingSnapshots()
         int rc = 0;
         if (old_.flag != PDR_DELETE
             && std::strncmp(o.path.ptr, kSnapshotPrefix, sizeof kSnapshotPrefix - 1) == 0)
-            (rc = setState(o, PDR_EXPIRE, failMigrationEdit)) || (rc = listExpired("updatePDRForExpire 20"));
+            (rc = setState(o, PDR_EXPIRE, failMigrationEdit)) || (rc = listExpiredHere("updatePDRForExpire 20"));
         if (rc || (rc = readOld(false)))
             return rc;
     }
@@ -576,7 +483,7 @@ int checkOutput(const char* output, const char* oldShadowFile, const char* listF
     return 0;
 }
 
-int printResult(int result, const Counts& counts)
+int printResult(int result, const MergeCounts& counts)
 {
     if (result == 0)
         std::printf("::UPDATESHADOW::0::%d::%d::%d::\n", counts.changed, counts.expired, counts.unsupported);
@@ -597,10 +504,10 @@ struct Run {
     const char* hsmMigFile;
     Settings settings;
     Files files;
-    Counts counts;
+    MergeCounts counts;
 
     int openFiles();
-    int writeHeader(MergeRecord& oldSide, time_t startTime, offset_t& writePos);
+    int writeHeader(MergeSide& oldSide, time_t startTime, offset_t& writePos);
     int execute();
 };
 
@@ -634,7 +541,7 @@ int Run::openFiles()
     return 0;
 }
 
-int Run::writeHeader(MergeRecord& oldSide, time_t startTime, offset_t& writePos)
+int Run::writeHeader(MergeSide& oldSide, time_t startTime, offset_t& writePos)
 {
     ShadowHeader header;
     int code = readShadowHeader(files.oldShadow.get(), &oldSide.rec.line.ptr, &oldSide.rec.line.size, &header);
@@ -679,8 +586,8 @@ int Run::execute()
         std::fputs("quenby::UPDATESHADOWERR::1::Cannot do 3.2 migration expiry in BACKUP_ONLY mode\n", stderr);
         return -1;
     }
-    MergeRecord oldSide;
-    MergeRecord newSide;
+    MergeSide oldSide;
+    MergeSide newSide;
     if (!oldSide.rec.allocate() || !newSide.rec.allocate()) {
         std::fputs("quenby::UPDATESHADOWERR::1::failed to allocate memory\n", stderr);
         return -1;

@@ -1,0 +1,94 @@
+#include "update/record_merge.h"
+
+#include "cli/dispatch.h"
+#include "records/record_edit.h"
+
+#include <cstring>
+
+int RecordMerge::run()
+{
+    if (int rc = readOld(true))
+        return rc;
+    if (newIn_ != nullptr) {
+        if (int rc = readNew(false))
+            return rc;
+    } else {
+        new_.rec.endOfFile = 1;
+    }
+    for (;;) {
+        if (old_.rec.endOfFile)
+            return noMoreOld();
+        if (new_.rec.endOfFile)
+            return noMoreNew();
+        if (quenby_debug > 4)
+            std::fprintf(stderr, "quenby:%s(old %x new %x) comparing \n %s %s", name_, old_.flag, new_.flag,
+                         old_.rec.line.ptr, new_.rec.line.ptr);
+        Keep keep = keepNeither;
+        if (int rc = decide(keep))
+            return rc;
+        if (keep != keepOld)
+            if (int rc = readOld(true))
+                return rc;
+        if (keep != keepNew)
+            if (int rc = readNew(false))
+                return rc;
+    }
+}
+
+int RecordMerge::readRecord(PolicyRecord& rec, FILE* in, bool readingRules, bool noMoreOldStage)
+{
+    for (;;) {
+        int rc = rec.read(in);
+        if (rc < 0 || rec.endOfFile)
+            return rc < 0 ? rc : 0;
+        if (readingRules && rc == PDR_UNSUPPORTED && setAsideUnsupported(rec, noMoreOldStage))
+            continue;
+        if (readingRules && rc == PDR_INTERNAL) {
+            if (quenby_debug > 4)
+                std::fprintf(stderr, "quenby:%s skipping internal path [%s]\n", name_, rec.path.ptr);
+            continue;
+        }
+        return 0;
+    }
+}
+
+int RecordMerge::setState(PolicyRecord& rec, int state, int place)
+{
+    int rc = changePDRState(rec.line.ptr, state);
+    if (rc != 0) {
+        std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::Corrupt PDR detected (%d) at %d\n", rc, place);
+        return place;
+    }
+    return 0;
+}
+
+int RecordMerge::listNew(FILE* out, int state, offset_t offset, const char* label)
+{
+    int rc = updatePDRForBackup(new_.rec.line.ptr, new_.rec.path.ptr, out, state, offset);
+    if (rc != 0) {
+        std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::%s failed (%d)\n", label, rc);
+        return rc;
+    }
+    ++counts_.changed;
+    return 0;
+}
+
+int RecordMerge::listExpired(FILE* out, offset_t offset, const char* label)
+{
+    int rc = updatePDRForExpire(old_.rec.line.ptr, old_.rec.path.ptr, out, offset);
+    if (rc != 0) {
+        std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::%s failed (%d)\n", label, rc);
+        return rc;
+    }
+    ++counts_.expired;
+    return 0;
+}
+
+bool RecordMerge::sameRecord() const
+{
+    const PolicyRecord& o = old_.rec;
+    const PolicyRecord& n = new_.rec;
+    return o.lineLength == n.lineLength && std::memcmp(o.line.ptr, n.line.ptr, o.lineLength) == 0
+           && std::strcmp(o.filesetName, n.filesetName) == 0 && o.hsmState != nullptr && n.hsmState != nullptr
+           && std::strcmp(o.hsmState, n.hsmState) == 0;
+}

@@ -1,0 +1,77 @@
+// The merge of two record lists sorted by inode number, shared by the
+// shadow update and the cluster migration diff: the loop, the reading of
+// each side, and the actions its decisions are made of (state edits and
+// work-list lines, each failure with its message and the code of its place).
+#pragma once
+
+#include "records/policy_record.h"
+
+#include <cstdint>
+#include <cstdio>
+
+// One side of the merge with what the merge adds to the reader's outputs.
+struct MergeSide {
+    PolicyRecord rec;
+    int flag = 0;           // the flag the decisions see
+    int rememberedFlag = 0; // the flag as read
+};
+
+struct MergeCounts {
+    int changed = 0;
+    int expired = 0;
+    int unsupported = 0;
+    int hsm = 0;
+    bool unsupportedWritten = false;
+};
+
+// An old generation of all ones matches any new generation.
+constexpr uint64_t MERGE_ANY_GENERATION = 0xffffffffffffffffULL;
+
+class RecordMerge {
+public:
+    virtual ~RecordMerge() = default;
+
+    // Reads the first old and the first new record, then applies one
+    // decision at a time until a side runs out. 0, or the failure's result.
+    int run();
+
+protected:
+    enum Keep { keepNeither, keepOld, keepNew };
+
+    // `name` prefixes the debug messages ("updateShadow", "clusterMigDiff").
+    // A null `newIn` counts as a list exhausted from the start.
+    RecordMerge(const char* name, FILE* oldIn, FILE* newIn, MergeSide& oldSide, MergeSide& newSide,
+                MergeCounts& counts)
+        : name_(name), oldIn_(oldIn), newIn_(newIn), old_(oldSide), new_(newSide), counts_(counts)
+    {
+    }
+
+    virtual int readOld(bool readingRules) = 0;
+    virtual int readNew(bool noMoreOldStage) = 0;
+    virtual int decide(Keep& keep) = 0;
+    virtual int noMoreOld() = 0;
+    virtual int noMoreNew() = 0;
+    // Takes an unsupported record out of the merge; false leaves it in.
+    virtual bool setAsideUnsupported(const PolicyRecord&, bool /*noMoreOldStage*/) { return false; }
+
+    // The next record of `in`. With the reading rules, internal records are
+    // skipped and unsupported ones set aside.
+    int readRecord(PolicyRecord& rec, FILE* in, bool readingRules, bool noMoreOldStage);
+
+    // Rewrites a record's flag; a refused edit is a corrupt record.
+    int setState(PolicyRecord& rec, int state, int place);
+    // The new record's "updated "/"ctimech " line and the old record's
+    // "expired " line; each counts what it wrote.
+    int listNew(FILE* out, int state, offset_t offset, const char* label);
+    int listExpired(FILE* out, offset_t offset, const char* label);
+
+    // The same text, fileset and HSM state: nothing about the file changed.
+    bool sameRecord() const;
+
+    const char* name_;
+    FILE* oldIn_;
+    FILE* newIn_;
+    MergeSide& old_;
+    MergeSide& new_;
+    MergeCounts& counts_;
+};
