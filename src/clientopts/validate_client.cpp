@@ -1,9 +1,210 @@
 #include "clientopts/validate_client.h"
 
-#include <cstdio>
+#include "cli/dispatch.h"
+#include "support/file_open.h"
+#include "support/file_stream.h"
+#include "support/sys_call.h"
 
-int validateQBSClient(const char*, const char*, const char*)
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr int kOptionLineSize = 4096;
+inline constexpr char kScrollPrompt[] = "Press 'Q' to quit";
+
+bool optionSpace(char c)
 {
-    std::fputs("quenby: validateqbsclient is not built yet\n", stderr);
-    return -1;
+    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+
+// The options whose value "YES" sets a flag, in the order they are checked.
+struct YesOption {
+    const char* name;
+    int QBSUserOption::*flag;
+};
+const YesOption yesOptions[] = {
+    {"QUOTESARELITERAL", &QBSUserOption::bQuotesareliteral},
+    {"SKIPACL", &QBSUserOption::bSkipacl},
+    {"SKIPACLUPDATECHECK", &QBSUserOption::bSkipaclupdatecheck},
+    {"WILDCARDSARELITERAL", &QBSUserOption::bWildcardsareliteral},
+    {"UPDATECTIME", &QBSUserOption::bUpdatectime},
+};
+
+// The flags compared between master and node, in order, with their results.
+struct ComparedFlag {
+    const char* name;
+    int QBSUserOption::*flag;
+    int result;
+};
+const ComparedFlag comparedFlags[] = {
+    {"bQuotesareliteral", &QBSUserOption::bQuotesareliteral, 103},
+    {"bSkipacl", &QBSUserOption::bSkipacl, 104},
+    {"bSkipaclupdatecheck", &QBSUserOption::bSkipaclupdatecheck, 105},
+    {"bWildcardsareliteral", &QBSUserOption::bWildcardsareliteral, 106},
+    {"bUpdatectime", &QBSUserOption::bUpdatectime, 107},
+};
+
+int copyOption(FILE* copy, const char* name, const char* value)
+{
+    char line[2 * kOptionLineSize + 4];
+    int len = std::snprintf(line, sizeof line, "%s: %s\n", name, value);
+    if (len < 0)
+        return len;
+    return sysFwrite(line, static_cast<size_t>(len), copy) == static_cast<size_t>(len) ? len : -1;
+}
+
+void systemError(const char* prefix)
+{
+    std::fprintf(stderr, "%s: %s\n", prefix, std::strerror(errno));
+}
+
+// The command whose output is read; closing it gives its wait status.
+class CommandPipe {
+public:
+    explicit CommandPipe(FILE* pipe) : pipe_(pipe) {}
+    CommandPipe(const CommandPipe&) = delete;
+    CommandPipe& operator=(const CommandPipe&) = delete;
+    ~CommandPipe() { close(); }
+    FILE* get() const { return pipe_; }
+    int close()
+    {
+        if (pipe_ == nullptr)
+            return 0;
+        FILE* p = pipe_;
+        pipe_ = nullptr;
+        return sysPclose(p);
+    }
+
+private:
+    FILE* pipe_;
+};
+
+} // namespace
+
+void parseQBSOptionLine(char* line, char** name, char** value)
+{
+    *name = nullptr;
+    *value = nullptr;
+    size_t len = std::strlen(line);
+    if (len == 0)
+        return;
+    if (line[len - 1] == '\n')
+        line[len - 1] = '\0';
+    char* p = line;
+    while (optionSpace(*p))
+        ++p;
+    if (*p == '\0')
+        return;
+    *name = p;
+    char* colon = std::strchr(p, ':');
+    if (colon == nullptr)
+        return;
+    *colon = '\0';
+    char* v = colon + 1;
+    while (optionSpace(*v))
+        ++v;
+    if (*v != '\0')
+        *value = v;
+}
+
+int parseQBSOptions(FILE* in, QBSUserOption* opt, FILE* copy)
+{
+    char line[kOptionLineSize];
+    int lastCopy = 0;
+    while (std::fgets(line, sizeof line, in) != nullptr) {
+        if (quenby_debug > 3)
+            std::fprintf(stderr, "quenby:QBS:%s", line);
+        char* name = nullptr;
+        char* value = nullptr;
+        parseQBSOptionLine(line, &name, &value);
+        if (name == nullptr)
+            continue;
+        if (std::strncmp(name, kScrollPrompt, sizeof kScrollPrompt - 1) == 0)
+            opt->bScrollprompt = 1;
+        if (value == nullptr)
+            continue;
+        bool flagged = false;
+        for (const YesOption& o : yesOptions) {
+            if (std::strcmp(name, o.name) == 0 && std::strcmp(value, "YES") == 0) {
+                opt->*o.flag = 1;
+                flagged = true;
+                break;
+            }
+        }
+        if (!flagged && std::strcmp(name, "TESTFLAGS") == 0) {
+            if (std::strcmp(value, "QUOTESARELITERAL") == 0)
+                opt->bQuotesareliteral = 1;
+            else if (std::strcmp(value, "WILDCARDSARELITERAL") == 0)
+                opt->bWildcardsareliteral = 1;
+        }
+        if (copy != nullptr)
+            lastCopy = copyOption(copy, name, value);
+    }
+    return lastCopy < 0 ? lastCopy : 0;
+}
+
+int validateQBSClient(const char* masterOptionFile, const char* nodeOptionFile, const char* /*serverName*/)
+{
+    QBSUserOption master{};
+    QBSUserOption node{};
+
+    const char* command = std::getenv("KESTREL_QOPT_CMD");
+    if (command == nullptr) {
+        std::fputs("quenby validateqbsclient query - QBS Client option command not provided in exec\n", stderr);
+        return 101;
+    }
+    if (quenby_debug > 1)
+        std::fprintf(stderr, "quenby: query user option command: %s\n", command);
+
+    FILE* stream = nullptr;
+    cxiFopen(masterOptionFile, "r", &stream, inheritNone);
+    if (stream == nullptr) {
+        systemError("quenby: fopen master QBS configuration file ");
+        std::fprintf(stderr, "quenby: validateQBSClient: could not open %s\n", masterOptionFile);
+        return 102;
+    }
+    StdioFile masterFile(stream);
+    parseQBSOptions(masterFile.get(), &master, nullptr);
+
+    cxiFopen(nodeOptionFile, "w", &stream, inheritNone);
+    if (stream == nullptr) {
+        systemError("quenby: fopen node QBS configuration file ");
+        std::fprintf(stderr, "quenby: validateQBSClient: could not open %s\n", nodeOptionFile);
+        return 102;
+    }
+    StdioFile nodeFile(stream);
+
+    std::fflush(stdout);
+    std::fflush(stderr);
+    FILE* pipe = sysPopen(command, "r");
+    if (pipe == nullptr) {
+        std::fprintf(stderr, "quenby: validateQBSClient: %s command could not be run\n", command);
+        return 102;
+    }
+    CommandPipe output(pipe);
+    // What the node file holds must be on disk before it is trusted.
+    if (parseQBSOptions(output.get(), &node, nodeFile.get()) < 0 || sysFflush(nodeFile.get()) != 0) {
+        std::fprintf(stderr, "quenby: validateQBSClient: could not write %s\n", nodeOptionFile);
+        return 102;
+    }
+    int status = output.close();
+    if (status != 0) {
+        std::fprintf(stderr, "quenby: validateqbsclient %s command close returned %d\n", command, status);
+        return 102;
+    }
+
+    for (const ComparedFlag& f : comparedFlags) {
+        if (master.*f.flag != node.*f.flag) {
+            std::fprintf(stderr, "quenby: validateqbsclient masterOption.%s(%d) and nodeOption.%s(%d) are different\n",
+                         f.name, master.*f.flag, f.name, node.*f.flag);
+            return f.result;
+        }
+    }
+    if (node.bScrollprompt) {
+        std::fputs("quenby: validateqbsclient SCROLLPROMPT option detected on node and cannot continue\n", stderr);
+        return 108;
+    }
+    return 0;
 }

@@ -1,9 +1,197 @@
 #include "update/cluster_mig_diff.h"
 
-#include <cstdio>
+#include "cli/dispatch.h"
+#include "records/record_edit.h"
+#include "support/file_open.h"
+#include "support/file_stream.h"
+#include "update/record_merge.h"
 
-int clusterMigDiff(const char*, const char*, const char*, const char*)
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+constexpr size_t kStreamBufferSize = 1 << 20;
+
+// Every work-list line of this comparison carries offset 0: there is no
+// shadow database to point into.
+constexpr offset_t kNoOffset = 0;
+
+// The result of each failing state edit, by the place that made it.
+enum FailPlace : int {
+    failNewFileEdit = -11,
+    failGoneFileEdit = -37,
+    failMovedOldEdit = -41,
+    failMovedNewEdit = -45,
+    failReusedEdit = -49,
+    failNoOldEdit = -63,
+    failNoNewEdit = -67,
+};
+
+class MigrationDiff : public RecordMerge {
+public:
+    MigrationDiff(FILE* oldList, FILE* newList, FILE* changed, FILE* expired, MergeSide& oldSide, MergeSide& newSide,
+                  MergeCounts& counts)
+        : RecordMerge("clusterMigDiff", oldList, newList, oldSide, newSide, counts), changed_(changed),
+          expired_(expired)
+    {
+    }
+
+private:
+    int readOld(bool readingRules) override { return readSide(old_, oldIn_, readingRules); }
+    int readNew(bool) override { return readSide(new_, newIn_, true); }
+    int decide(Keep& keep) override;
+    int noMoreOld() override;
+    int noMoreNew() override;
+
+    int readSide(MergeSide& side, FILE* in, bool readingRules)
+    {
+        int rc = readRecord(side.rec, in, readingRules, false);
+        side.flag = side.rec.state;
+        return rc;
+    }
+    int backupNew(int editPlace, const char* label)
+    {
+        if (int rc = setState(new_.rec, PDR_BACKUP, editPlace))
+            return rc;
+        return listNew(changed_, PDR_BACKUP, kNoOffset, label);
+    }
+    int expireOld(int editPlace, const char* label)
+    {
+        if (int rc = setState(old_.rec, PDR_EXPIRE, editPlace))
+            return rc;
+        return listExpired(expired_, kNoOffset, label);
+    }
+
+    FILE* changed_;
+    FILE* expired_;
+};
+
+// One decision: the first whose condition holds. The old records' flags
+// play no part.
+int MigrationDiff::decide(Keep& keep)
 {
-    std::fputs("quenby: clustermigdiff is not built yet\n", stderr);
-    return -1;
+    const PolicyRecord& o = old_.rec;
+    const PolicyRecord& n = new_.rec;
+    const bool debug = quenby_debug > 4;
+
+    if (o.ino > n.ino) {
+        // A file the old list does not have.
+        if (debug)
+            std::fprintf(stderr, "quenby:clusterMigDiff:BACKUP old/new ino [%llx/%llx]\n%s",
+                         (unsigned long long)o.ino, (unsigned long long)n.ino, n.line.ptr);
+        keep = keepOld;
+        return backupNew(failNewFileEdit, "updatePDRForBackup 2");
+    }
+    if (sameRecord()) {
+        // Nothing changed at all.
+        return 0;
+    }
+    if (o.ino < n.ino) {
+        // A file that is gone.
+        keep = keepNew;
+        return expireOld(failGoneFileEdit, "updatePDRForExpire 8");
+    }
+    if (std::strcmp(o.path.ptr, n.path.ptr) != 0) {
+        // Moved: the old path expired, the new one backed up.
+        if (int rc = expireOld(failMovedOldEdit, "updatePDRForExpire 10"))
+            return rc;
+        return backupNew(failMovedNewEdit, "updatePDRForBackup 8");
+    }
+    if (o.gen != n.gen && o.gen != MERGE_ANY_GENERATION) {
+        // The same path, another file: backed up, the old one not expired.
+        if (debug)
+            std::fprintf(stderr, "quenby:clusterMigDiff:NORMAL same ino:o/ngen [%llx:%llx/%llx]\n%s",
+                         (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen,
+                         n.line.ptr);
+        return backupNew(failReusedEdit, "updatePDRForBackup 10");
+    }
+    const char* oldHsm = o.hsmState != nullptr ? o.hsmState : n.hsmState;
+    int d = diffShowData(o.show.ptr, n.show.ptr, o.filesetName, n.filesetName, oldHsm, n.hsmState);
+    // A state on one side only differs from the other.
+    bool hsmAgrees = o.hsmState == nullptr
+                     || (n.hsmState != nullptr && std::strcmp(o.hsmState, n.hsmState) == 0);
+    if (d == 0 && hsmAgrees) {
+        // The same file, nothing that matters changed.
+        return 0;
+    }
+    // The same file changed: listed with the scan list's own flag.
+    int state = (d & (SHOW_CTIME_CHANGED | SHOW_HSM_CHANGED)) ? PDR_METACH : PDR_BACKUP;
+    return listNew(changed_, state, kNoOffset, "updatePDRForBackup 12");
+}
+
+int MigrationDiff::noMoreOld()
+{
+    while (!new_.rec.endOfFile) {
+        int rc = 0;
+        (rc = backupNew(failNoOldEdit, "updatePDRForBackup 14")) || (rc = readNew(true));
+        if (rc)
+            return rc;
+    }
+    return 0;
+}
+
+int MigrationDiff::noMoreNew()
+{
+    while (!old_.rec.endOfFile) {
+        int rc = 0;
+        (rc = expireOld(failNoNewEdit, "updatePDRForExpire 12")) || (rc = readOld(true));
+        if (rc)
+            return rc;
+    }
+    return 0;
+}
+
+int openStream(StdioFile& file, const char* path, const char* mode)
+{
+    FILE* stream = nullptr;
+    int err = cxiFopen(path, mode, &stream, inheritNone);
+    if (stream == nullptr) {
+        std::fprintf(stderr, "quenby::CLUSTERMIGDIFFERR::1::could not open %s for %s (error=%d)\n",
+                     path != nullptr ? path : "(null)", mode[0] == 'r' ? "read" : "writing", err);
+        return -1;
+    }
+    std::setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
+    file = StdioFile(stream);
+    return 0;
+}
+
+} // namespace
+
+int clusterMigDiff(const char* oldListFile, const char* newListFile, const char* changedFile,
+                   const char* expiredFile)
+{
+    MergeCounts counts;
+    StdioFile oldList, newList, changed, expired;
+    int result = 0;
+    {
+        MergeSide oldSide;
+        MergeSide newSide;
+        if (!oldSide.rec.allocate() || !newSide.rec.allocate()) {
+            std::fputs("quenby::CLUSTERMIGDIFFERR::1::failed to allocate memory\n", stderr);
+            result = -1;
+        } else if (openStream(oldList, oldListFile, "r") != 0 || openStream(newList, newListFile, "r") != 0
+                   || openStream(changed, changedFile, "w") != 0 || openStream(expired, expiredFile, "w") != 0) {
+            result = -1;
+        } else {
+            MigrationDiff diff(oldList.get(), newList.get(), changed.get(), expired.get(), oldSide, newSide, counts);
+            result = diff.run();
+        }
+    }
+    const char* names[] = {oldListFile, newListFile, changedFile, expiredFile};
+    StdioFile* files[] = {&oldList, &newList, &changed, &expired};
+    for (int i = 0; i < 4; ++i) {
+        if (files[i]->close() != 0) {
+            std::fprintf(stderr, "quenby::CLUSTERMIGDIFFERR::1::close of %s failed (error=%d)\n", names[i],
+                         cxiErrnoChecked());
+            --result;
+        }
+    }
+    if (result == 0)
+        std::printf("::CLUSTERMIGDIFF::0::%d::%d::%d::\n", counts.changed, counts.expired, counts.unsupported);
+    else
+        std::printf("quenby::CLUSTERMIGDIFFERR::%d::%d::%d::%d::\n", result, counts.changed, counts.expired,
+                    counts.unsupported);
+    std::fflush(stdout);
+    return result;
 }

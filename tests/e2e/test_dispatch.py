@@ -43,10 +43,13 @@ def stub(keyword, args):
             "stdout": "", "stderr": "quenby: %s is not built yet\n" % keyword, "status": 255}
 
 
-def reached(keyword, args, stdout="", stderr=""):
+def reached(keyword, args, stdout="", stderr="", status=255):
     """A built sub-command got the arguments: its own failure shows it."""
     return {"name": "%s with %d arguments reaches the sub-command" % (keyword, len(args)),
-            "args": [keyword] + args, "stdout": stdout, "stderr": stderr, "status": 255}
+            "args": [keyword] + args, "stdout": stdout, "stderr": stderr, "status": status}
+
+
+NO_QOPT = "quenby validateqbsclient query - QBS Client option command not provided in exec\n"
 
 
 EXECBUNCH_USAGE = ("Usage: quenby execBunch <inList> <outChange> <outExpire> <outStateChange> <shadowDB> "
@@ -94,7 +97,8 @@ USAGE_CASES = (
 
 # Correct counts get past the driver to the sub-command.
 STUB_CASES = [
-    stub("clustermigdiff", words(4)),
+    reached("clustermigdiff", words(4), stdout="quenby::CLUSTERMIGDIFFERR::-1::0::0::0::\n",
+            stderr="quenby::CLUSTERMIGDIFFERR::1::could not open a1 for read (error=2)\n"),
     stub("rebuildshadow", words(3)),
     stub("rebuildshadow", words(4)),
     stub("rebuildshadow", words(5)),
@@ -103,7 +107,7 @@ STUB_CASES = [
     reached("execbunch", ["nofile", "c", "e", "s", "db", "10", "/fs"], stdout=EXECBUNCH_NOFILE, stderr=NOFILE),
     reached("execbunch", ["nofile", "c", "e", "s", "db", "10", "", "a8"], stdout=EXECBUNCH_NOFILE,
             stderr=NOFILE),
-    stub("validateqbsclient", words(3)),
+    reached("validateqbsclient", words(3), stderr=NO_QOPT, status=101),
     stub("verifyshadow", words(2)),
     stub("verifyshadow", words(3)),
     stub("verifyshadow", words(5)),
@@ -135,11 +139,10 @@ TRACE_CASES = [
      "env": {"DEBUGquenby": "5"},
      "stdout": VERSION_LINE,
      "stderr": "quenby: version(argc=2)\n" + dump("version")},
-    {"name": "level 5 dump before a stub", "args": ["validateqbsclient", "m", "n", "srv"],
+    {"name": "level 5 dump before the sub-command", "args": ["validateqbsclient", "m", "n", "srv"],
      "env": {"DEBUGquenby": "5"},
-     "stdout": "", "status": 255,
-     "stderr": ("quenby: validateqbsclient(argc=5)\n" + dump("validateqbsclient", "m", "n", "srv")
-                + "quenby: validateqbsclient is not built yet\n")},
+     "stdout": "", "status": 101,
+     "stderr": ("quenby: validateqbsclient(argc=5)\n" + dump("validateqbsclient", "m", "n", "srv") + NO_QOPT)},
     {"name": "level 5 dump shows only positions 2 to 9", "args": ["updateshadow"] + words(10),
      "env": {"DEBUGquenby": "5"},
      "stdout": "", "status": 22,
