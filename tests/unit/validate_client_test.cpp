@@ -1,0 +1,108 @@
+// Option lines split in place, the copy of the node's options and its
+// failure, and the per-line trace.
+#include "clientopts/validate_client.h"
+
+#include "test_util.h"
+
+#include <cerrno>
+#include <optional>
+
+namespace {
+
+using Text = std::optional<std::string>;
+
+Text text(const char* p)
+{
+    return p == nullptr ? std::nullopt : Text(p);
+}
+
+// A read stream over `content`, closed at the end of the scope.
+struct InputStream {
+    explicit InputStream(std::string content) : data(std::move(content))
+    {
+        stream = fmemopen(data.data(), data.size(), "r");
+    }
+    ~InputStream()
+    {
+        if (stream != nullptr)
+            std::fclose(stream);
+    }
+    std::string data;
+    FILE* stream;
+};
+
+TEST(ParseQBSOptionLine, SplitsNameAndValue)
+{
+    const struct {
+        std::string line;
+        Text name, value;
+    } rows[] = {
+        {"   QUOTESARELITERAL: YES\n", "QUOTESARELITERAL", "YES"},
+        {"SKIPACL :YES\n", "SKIPACL ", "YES"},
+        {"Server:  host:1500: x \n", "Server", "host:1500: x "},
+        {" \t \n", std::nullopt, std::nullopt},
+        {"", std::nullopt, std::nullopt},
+        {"Press 'Q' to quit\n", "Press 'Q' to quit", std::nullopt},
+        {":YES", "", "YES"},
+        {"  : x", "", "x"},
+        {"UPDATECTIME: \t \n", "UPDATECTIME", std::nullopt},
+        {"\tTESTFLAGS:\tQUOTESARELITERAL\t\n", "TESTFLAGS", "QUOTESARELITERAL\t"},
+    };
+    for (const auto& row : rows) {
+        std::string line = row.line;
+        char* name = &line[0];
+        char* value = &line[0];
+        parseQBSOptionLine(line.data(), &name, &value);
+        EXPECT_EQ(text(name), row.name) << "[" << row.line << "]";
+        EXPECT_EQ(text(value), row.value) << "[" << row.line << "]";
+    }
+}
+
+TEST(ParseQBSOptions, CopyResultIsTheLastWrite)
+{
+    const std::string input = "SKIPACL: YES\nnote\nUPDATECTIME:YES\n";
+    const struct {
+        int failNth; // 0: no fault
+        bool negative;
+        std::string copied;
+    } rows[] = {
+        {0, false, "SKIPACL: YES\nUPDATECTIME: YES\n"},
+        {1, false, "UPDATECTIME: YES\n"},
+        {2, true, "SKIPACL: YES\n"},
+    };
+    for (const auto& row : rows) {
+        testutil::GlobalsGuard guard;
+        testutil::ScratchDir dir;
+        InputStream in(input);
+        ASSERT_NE(in.stream, nullptr);
+        FILE* copy = std::fopen(dir.file("copy").c_str(), "w");
+        ASSERT_NE(copy, nullptr);
+        if (row.failNth != 0)
+            sysFailOn(SysCall::fwrite, row.failNth, ENOSPC);
+        QBSUserOption opt{};
+        int rc = parseQBSOptions(in.stream, &opt, copy);
+        std::fclose(copy);
+        EXPECT_EQ(rc < 0, row.negative) << "fault " << row.failNth << " rc " << rc;
+        EXPECT_EQ(testutil::readFile(dir.file("copy")), row.copied) << "fault " << row.failNth;
+        // A failed copy does not stop the parse.
+        EXPECT_EQ(opt.bSkipacl + opt.bUpdatectime, 2) << "fault " << row.failNth;
+    }
+}
+
+TEST(ParseQBSOptions, TracesEveryLineAboveLevelThree)
+{
+    const std::string input = "SKIPACL: YES\n  \nno colon\n";
+    for (int level : {3, 4}) {
+        testutil::GlobalsGuard guard;
+        quenby_debug = level;
+        InputStream in(input);
+        ASSERT_NE(in.stream, nullptr);
+        QBSUserOption opt{};
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(parseQBSOptions(in.stream, &opt, nullptr), 0);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  level > 3 ? "quenby:QBS:SKIPACL: YES\nquenby:QBS:  \nquenby:QBS:no colon\n" : "");
+    }
+}
+
+} // namespace
