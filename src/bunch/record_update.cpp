@@ -2,6 +2,7 @@
 
 #include "bunch/path_index.h"
 #include "cli/dispatch.h"
+#include "records/record_at.h"
 #include "records/record_edit.h"
 #include "support/consistency.h"
 #include "support/sys_call.h"
@@ -35,41 +36,6 @@ bool allocOne(char** buf, int* size, int bytes)
     return true;
 }
 
-// The record line that starts at `offset`, read with positioned reads into
-// the updater's line buffer (header lines are passed over, as the reader
-// passes them). 1 read; 0 end of the file; -1 read or memory failure.
-int readLineAt(int fd, offset_t offset, size_t* len, offset_t* lineStart)
-{
-    for (;;) {
-        size_t have = 0;
-        for (;;) {
-            ssize_t got = sysPread(fd, ulineP + have, static_cast<size_t>(ulineSize - 1) - have,
-                                   static_cast<off_t>(offset + static_cast<offset_t>(have)));
-            if (got < 0)
-                return -1;
-            have += static_cast<size_t>(got);
-            ulineP[have] = '\0';
-            char* lf = static_cast<char*>(std::memchr(ulineP, '\n', have));
-            if (lf != nullptr) {
-                ulineP[lf - ulineP + 1] = '\0';
-                have = static_cast<size_t>(lf - ulineP) + 1;
-                break;
-            }
-            if (got == 0)
-                return 0; // no whole line before the end of the file
-            if (have + 1 == static_cast<size_t>(ulineSize)
-                && (ulineSize > INT_MAX / 2 || !allocOne(&ulineP, &ulineSize, ulineSize * 2)))
-                return -1;
-        }
-        if (!isShadowHeaderLine(ulineP)) {
-            *len = std::strlen(ulineP);
-            *lineStart = offset;
-            return 1;
-        }
-        offset += static_cast<offset_t>(have);
-    }
-}
-
 struct Record {
     offset_t offset = 0;
     size_t len = 0;
@@ -83,7 +49,7 @@ struct Record {
 int readRecordAt(int fd, offset_t offset, Record& rec, bool& eof)
 {
     eof = false;
-    int got = readLineAt(fd, offset, &rec.len, &rec.offset);
+    int got = readRecordLineAt(fd, offset, &ulineP, &ulineSize, &rec.len, &rec.offset);
     if (got <= 0) {
         eof = got == 0;
         return got;

@@ -1,0 +1,45 @@
+#include "records/record_at.h"
+
+#include "support/sys_call.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+int readRecordLineAt(int fd, offset_t offset, char** buf, int* size, size_t* len, offset_t* lineStart)
+{
+    for (;;) {
+        size_t have = 0;
+        for (;;) {
+            char* line = *buf;
+            ssize_t got = sysPread(fd, line + have, static_cast<size_t>(*size - 1) - have,
+                                   static_cast<off_t>(offset + static_cast<offset_t>(have)));
+            if (got < 0)
+                return -1;
+            have += static_cast<size_t>(got);
+            line[have] = '\0';
+            if (char* lf = static_cast<char*>(std::memchr(line, '\n', have))) {
+                have = static_cast<size_t>(lf - line) + 1;
+                line[have] = '\0';
+                break;
+            }
+            if (got == 0)
+                return 0;
+            if (have + 1 == static_cast<size_t>(*size)) {
+                void* grown = *size > INT_MAX / 2 ? nullptr : sysRealloc(*buf, static_cast<size_t>(*size) * 2);
+                if (grown == nullptr) {
+                    errno = ENOMEM;
+                    return -1;
+                }
+                *buf = static_cast<char*>(grown);
+                *size *= 2;
+            }
+        }
+        if (!isShadowHeaderLine(*buf)) {
+            *len = std::strlen(*buf);
+            *lineStart = offset;
+            return 1;
+        }
+        offset += static_cast<offset_t>(have);
+    }
+}
