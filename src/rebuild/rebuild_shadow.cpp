@@ -1,9 +1,374 @@
 #include "rebuild/rebuild_shadow.h"
 
-#include <cstdio>
+#include "cli/dispatch.h"
+#include "rebuild/external_sort.h"
+#include "rebuild/index_query.h"
+#include "records/policy_record.h"
+#include "records/record_at.h"
+#include "records/record_edit.h"
+#include "support/file_open.h"
+#include "support/file_stream.h"
+#include "support/sys_call.h"
 
-int rebuildShadow(const char*, const char*, const char*, const char*)
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+constexpr int kNameSize = 4112;
+constexpr size_t kStreamBufferSize = 1 << 20;
+constexpr int kQueryLineSize = 8192;
+constexpr int kShowCopyMax = 255;
+constexpr int kMergedShowMax = 509;
+constexpr size_t kTimeMax = 29;
+constexpr size_t kFilesetMax = 255;
+constexpr size_t kMigStateMax = 7;
+
+void systemError(const char* prefix)
 {
-    std::fputs("quenby: rebuildshadow is not built yet\n", stderr);
-    return -1;
+    std::fprintf(stderr, "%s: %s\n", prefix, std::strerror(errno));
+}
+
+// A time of the server in the SHOW form: "%10.10s %8.8s.000000".
+void serverTime(char (&out)[32], const char* date, const char* time)
+{
+    std::snprintf(out, sizeof out, "%10.10s %8.8s.000000", date, time);
+}
+
+void copyBounded(std::string& out, const char* from, size_t len, size_t max)
+{
+    out.assign(from, len < max ? len : max);
+}
+
+// The SHOW values of a scan record.
+struct ScanShow {
+    std::string mtime;
+    std::string ctime;
+    long long size = 0;
+    std::string fileset;
+    std::string migState;
+};
+
+// Splits the SHOW attribute (the text after the last "!" of the line).
+int parsePolicyShow(const char* line, ScanShow& show)
+{
+    if (line == nullptr) {
+        std::fputs("quenby: parsePolicyShow: invalid input argument\n", stderr);
+        return -1;
+    }
+    const char* bang = std::strrchr(line, '!');
+    if (bang == nullptr) {
+        std::fputs("quenby: parsePolicyShow: could not find SHOW data\n", stderr);
+        return -1;
+    }
+    char copy[kShowCopyMax + 1];
+    size_t copyLen = strnlen(bang + 1, kShowCopyMax);
+    std::memcpy(copy, bang + 1, copyLen);
+    copy[copyLen] = '\0';
+
+    char* b1 = std::strchr(copy, ' ');
+    if (b1 == nullptr) {
+        std::fputs("quenby: parsePolicyShow: could not find mtime date\n", stderr);
+        return -1;
+    }
+    char* b2 = std::strchr(b1 + 1, ' ');
+    if (b2 == nullptr) {
+        std::fputs("quenby: parsePolicyShow: could not find mtime time\n", stderr);
+        return -1;
+    }
+    copyBounded(show.mtime, copy, static_cast<size_t>(b2 - copy), kTimeMax);
+    char* b3 = std::strchr(b2 + 1, ' ');
+    char* b4 = b3 != nullptr ? std::strchr(b3 + 1, ' ') : nullptr;
+    if (b4 == nullptr) {
+        std::fputs("quenby: parsePolicyShow: could not find ctime date\n", stderr);
+        return -1;
+    }
+    copyBounded(show.ctime, b2 + 1, static_cast<size_t>(b4 - b2 - 1), kTimeMax);
+    char* b5 = std::strchr(b4 + 1, ' ');
+    if (b5 == nullptr) {
+        std::fputs("quenby: parsePolicyShow: could not find file size\n", stderr);
+        return -1;
+    }
+    *b5 = '\0';
+    show.size = std::strtoll(b4 + 1, nullptr, 0);
+    char* b6 = std::strchr(b5 + 1, ' ');
+    if (b6 != nullptr) {
+        copyBounded(show.fileset, b5 + 1, static_cast<size_t>(b6 - b5 - 1), kFilesetMax);
+        copyBounded(show.migState, b6 + 1, std::strlen(b6 + 1), kMigStateMax);
+        show.migState = show.migState.substr(0, show.migState.find('\n'));
+    } else {
+        copyBounded(show.fileset, b5 + 1, std::strlen(b5 + 1), kFilesetMax);
+        show.fileset = show.fileset.substr(0, show.fileset.find('\n'));
+        show.migState = "resdnt";
+    }
+    return 0;
+}
+
+struct Files {
+    StdioFile query;
+    StdioFile index;
+    StdioFile scan;
+    StdioFile out;
+};
+
+class Rebuild {
+public:
+    Rebuild(Files& files, const char* expireData) : f_(files), expireData_(expireData) {}
+
+    bool allocate()
+    {
+        return queryLine_.allocate(kQueryLineSize) && scanLine_.allocate(PDR_LINE_BUF_SIZE)
+               && queryPath_.allocate(PDR_PATH_BUF_SIZE) && indexPath_.allocate(PDR_PATH_BUF_SIZE)
+               && show_.allocate(PDR_SHOW_BUF_SIZE);
+    }
+
+    int walk();
+
+private:
+    int readQuery() { return readQueryRecord(f_.query.get(), &queryLine_.ptr, &queryLine_.size, &queryPath_.ptr,
+                                             &queryPath_.size, &query_, &queryEof_); }
+    int readIndex() { return readIndexFile(f_.index.get(), &indexPath_.ptr, &indexPath_.size, &indexOffset_, &indexEof_); }
+    int writeServerOnly();
+    int writeMergedRecord();
+    bool put(const std::string& text) { return sysFwrite(text.data(), text.size(), f_.out.get()) == text.size(); }
+
+    Files& f_;
+    const char* expireData_;
+    HeapBuf queryLine_, scanLine_, queryPath_, indexPath_, show_;
+    queryRecord query_{};
+    unsigned int queryEof_ = 0;
+    unsigned int indexEof_ = 0;
+    long long indexOffset_ = 0;
+    std::string line_; // the output line being built, reused
+};
+
+int Rebuild::walk()
+{
+    bool indexPending = false;
+    for (;;) {
+        if (int rc = readQuery()) {
+            std::fprintf(stderr, "quenby: rebuildShadow: failed reading QBS record, rc=%d\n", rc);
+            return rc;
+        }
+        if (!indexPending) {
+            if (int rc = readIndex()) {
+                std::fputs("quenby: rebuildShadow: failed reading list record\n", stderr);
+                return rc;
+            }
+        }
+        for (;;) {
+            if (queryEof_)
+                return 0;
+            if (indexEof_) {
+                // The scan has run out: the rest are known to the server only.
+                do {
+                    if (int rc = writeServerOnly())
+                        return rc;
+                    if (int rc = readQuery()) {
+                        std::fprintf(stderr, "quenby:rebuildShadow: readQueryRecord rc=%d\n", rc);
+                        return rc;
+                    }
+                } while (!queryEof_);
+                return 0;
+            }
+            int cmp = std::strcmp(queryPath_.ptr, indexPath_.ptr);
+            if (quenby_debug > 3)
+                std::fprintf(stderr, "rebuildcmp:%s\nrebuildcmp:%s\t%d\n", queryPath_.ptr, indexPath_.ptr, cmp);
+            if (cmp == 0) {
+                if (int rc = writeMergedRecord()) {
+                    std::fprintf(stderr, "quenby: rebuildShadow: writing merged record fail rc = %d\n", rc);
+                    return -1;
+                }
+                indexPending = false;
+                break;
+            }
+            if (cmp > 0) {
+                // A scanned file the server does not hold: no record.
+                if (int rc = readIndex()) {
+                    std::fputs("quenby: rebuildShadow: failed reading list record\n", stderr);
+                    return rc;
+                }
+                continue;
+            }
+            if (int rc = writeServerOnly())
+                return rc;
+            indexPending = true;
+            break;
+        }
+    }
+}
+
+// A record for a file that only the server holds, headed by the expire
+// data taken from the scan list's first record.
+int Rebuild::writeServerOnly()
+{
+    if (expireData_ == nullptr) {
+        std::fputs("quenby: rebuildShadow: the scan list holds no record to take a record head from\n", stderr);
+        return -1;
+    }
+    char mtime[32], ctime[32], show[4096];
+    serverTime(mtime, query_.mtimeDate, query_.mtimeTime);
+    serverTime(ctime, query_.ctimeDate, query_.ctimeTime);
+    int showLen = std::snprintf(show, sizeof show, "%s %s %lld root resdnt", mtime, ctime,
+                                static_cast<long long>(query_.fileSize));
+    char tail[64];
+    line_ = expireData_;
+    std::snprintf(tail, sizeof tail, ":%d!", query_.pathLen);
+    line_ += tail;
+    line_ += queryPath_.ptr;
+    std::snprintf(tail, sizeof tail, ":6!system;%d!", showLen);
+    line_ += tail;
+    line_ += show;
+    line_ += '\n';
+    return put(line_) ? 0 : -1;
+}
+
+int Rebuild::writeMergedRecord()
+{
+    size_t len = 0;
+    offset_t start = 0;
+    int got = readRecordLineAt(fileno(f_.scan.get()), indexOffset_, &scanLine_.ptr, &scanLine_.size, &len, &start);
+    if (got < 0) {
+        std::fprintf(stderr, "quenby: writeMergedRecord: fseek for scan file fail at offset=%lld, err=%d\n",
+                     indexOffset_, cxiErrnoChecked());
+        return -1;
+    }
+    if (got == 0) {
+        std::fprintf(stderr, "quenby: writeMergedRecord: no record at offset=%lld of the scan list\n", indexOffset_);
+        return -1;
+    }
+    uint64_t ino = 0, gen = 0;
+    int flag = 0;
+    char* line = scanLine_.ptr;
+    if (int rc = parsePolicyRecordLine(line, len, scanLine_.size, &ino, &gen, &indexPath_.ptr, &indexPath_.size,
+                                       &show_.ptr, &show_.size, nullptr, nullptr, &flag, nullptr))
+        return rc;
+    ScanShow scan;
+    if (parsePolicyShow(line, scan) != 0)
+        return -1;
+
+    char mtime[32], ctime[32];
+    serverTime(mtime, query_.mtimeDate, query_.mtimeTime);
+    serverTime(ctime, query_.ctimeDate, query_.ctimeTime);
+    if (scan.mtime == mtime && (query_.attrFlag == 0 || scan.ctime == ctime)) {
+        if (quenby_debug > 2)
+            std::fprintf(stderr, "\tsame mtimes %s\n", mtime);
+        return sysFwrite(line, len, f_.out.get()) == len ? 0 : -1;
+    }
+
+    if (quenby_debug > 0) {
+        std::fprintf(stderr, "path %s\n", queryPath_.ptr);
+        std::fprintf(stderr, "\tQBS SHOW %s %s %lld\n", mtime, ctime, static_cast<long long>(query_.fileSize));
+        std::fprintf(stderr, "\tFSS SHOW %s %s %lld %s %s\n", scan.mtime.c_str(), scan.ctime.c_str(), scan.size,
+                     scan.fileset.c_str(), scan.migState.c_str());
+    }
+    char* semi = std::strrchr(line, ';');
+    if (semi == nullptr)
+        return 0;
+    *semi = '\0';
+    long long size = query_.fileSize < 0 ? scan.size : static_cast<long long>(query_.fileSize);
+    std::string chosenCtime = ctime;
+    if (query_.attrFlag == 0) {
+        chosenCtime = scan.ctime;
+        if (chosenCtime.size() == 26 && chosenCtime.compare(20, 6, "000000") != 0)
+            chosenCtime.replace(20, 6, "000000");
+    }
+    char merged[kMergedShowMax + 1];
+    int mergedLen = std::snprintf(merged, sizeof merged, "%s %s %lld %s %s", mtime, chosenCtime.c_str(), size,
+                                  scan.fileset.c_str(), scan.migState.c_str());
+    if (mergedLen < 0)
+        return mergedLen;
+    if (mergedLen > kMergedShowMax)
+        mergedLen = kMergedShowMax;
+    if (flag > 15 && changePDRState(line, PDR_NORMAL) != 0)
+        return -1;
+    char length[24];
+    std::snprintf(length, sizeof length, ";%d!", mergedLen);
+    line_ = line;
+    line_ += length;
+    line_.append(merged, static_cast<size_t>(mergedLen));
+    line_ += '\n';
+    if (!put(line_))
+        return -1;
+    if (quenby_debug > 0)
+        std::fprintf(stderr, "\t MERGED  %s\n", merged);
+    return 0;
+}
+
+int openInput(StdioFile& file, const char* path, const char* prefix, size_t buffer)
+{
+    FILE* stream = nullptr;
+    cxiFopen(path, "r", &stream, inheritNone);
+    if (stream == nullptr) {
+        systemError(prefix);
+        std::fprintf(stderr, "quenby: rebuildShadow: could not open %s\n", path);
+        return -1;
+    }
+    if (buffer != 0)
+        std::setvbuf(stream, nullptr, _IOFBF, buffer);
+    file = StdioFile(stream);
+    return 0;
+}
+
+} // namespace
+
+int rebuildShadow(const char* qbsFile, const char* fsListFile, const char* outShadow, const char* sortDir)
+{
+    if (qbsFile == nullptr || fsListFile == nullptr || outShadow == nullptr) {
+        std::fputs("Usage: quenby rebuildShadow <qbs shadow file> <fs list file> <out shadow>\n", stderr);
+        return -1;
+    }
+    char sortedName[kNameSize];
+    if (std::snprintf(sortedName, sizeof sortedName, "%s.Sorted", fsListFile) >= static_cast<int>(sizeof sortedName)) {
+        std::fprintf(stderr, "quenby: rebuildShadow: scan list name too long: %s\n", fsListFile);
+        return -1;
+    }
+    char* expireData = nullptr;
+    int sorted = sortPDRListByPathname(fsListFile, sortedName, &expireData, sortDir);
+    if (sorted != 0) {
+        std::fprintf(stderr, "quenby rebuildShadow : sort scan list file fail, rc = %d\n", sorted);
+        std::free(expireData);
+        return -1;
+    }
+
+    Files files;
+    int result = 0;
+    {
+        Rebuild rebuild(files, expireData);
+        if (!rebuild.allocate()) {
+            std::fputs("quenby: rebuildShadow: failed to allocate memory\n", stderr);
+            result = -1;
+        } else if (openInput(files.query, qbsFile, "quenby: fopen qbs query", kStreamBufferSize) != 0) {
+            result = -2;
+        } else if (openInput(files.index, sortedName, "quenby: fopen fs scan", kStreamBufferSize) != 0
+                   || openInput(files.scan, fsListFile, "quenby: fopen fs scan", 0) != 0) {
+            result = -3;
+        } else {
+            FILE* stream = nullptr;
+            cxiFopen(outShadow, "w", &stream, inheritNone);
+            if (stream == nullptr) {
+                systemError("quenby: fopen out shadow");
+                std::fprintf(stderr, "quenby: rebuildShadow: could not open %s\n", outShadow);
+                result = -4;
+            } else {
+                std::setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
+                files.out = StdioFile(stream);
+                result = rebuild.walk();
+            }
+        }
+    }
+
+    int closed[4] = {files.query.close(), files.scan.close(), files.index.close(), files.out.close()};
+    std::free(expireData);
+    if (closed[0] != 0 || closed[1] != 0 || closed[2] != 0 || closed[3] != 0) {
+        std::fprintf(stderr, "quenby:rebuildShadow: db file I/O error [0%d 0%d 0%d 0%d]\n", closed[0], closed[1],
+                     closed[2], closed[3]);
+        if (result == 0)
+            result = -1;
+    }
+    if (result != 0)
+        std::fprintf(stderr, "quenby:rebuildShadow: Failed with rc=%d\n", result);
+    return result;
 }

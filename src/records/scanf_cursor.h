@@ -107,6 +107,17 @@ public:
         return neg_ ? 0ULL - mag_ : mag_;
     }
 
+    // The last number as strtoll gives it.
+    long long asLongLong() const
+    {
+        if (!neg_)
+            return (overflow_ || mag_ > static_cast<unsigned long long>(LLONG_MAX)) ? LLONG_MAX
+                                                                                   : static_cast<long long>(mag_);
+        if (overflow_ || mag_ > static_cast<unsigned long long>(LLONG_MAX) + 1ULL)
+            return LLONG_MIN;
+        return static_cast<long long>(0ULL - mag_);
+    }
+
     // The last number as strtol gives it, truncated to int as scanf's %d stores it.
     int asInt() const
     {

@@ -155,3 +155,10 @@ int sysFcntlLock(int fd, int cmd, struct flock* lock)
         return -1;
     return ::fcntl(fd, cmd, lock);
 }
+
+int sysSystem(const char* command)
+{
+    if (sysShouldFail(SysCall::system))
+        return -1;
+    return std::system(command);
+}

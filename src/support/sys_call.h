@@ -26,6 +26,7 @@ enum class SysCall {
     pread,
     pwrite,
     lock,
+    system,
     count_
 };
 
@@ -57,5 +58,6 @@ FILE* sysPopen(const char* command, const char* mode);
 int sysPclose(FILE* pipe);
 ssize_t sysPread(int fd, void* buf, size_t count, off_t offset);
 ssize_t sysPwrite(int fd, const void* buf, size_t count, off_t offset);
+int sysSystem(const char* command);
 // fcntl with a record lock request (F_SETLK, F_SETLKW, F_GETLK).
 int sysFcntlLock(int fd, int cmd, struct flock* lock);

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <initializer_list>
 #include <sys/stat.h>
 
 namespace {
@@ -466,9 +467,18 @@ int openStream(StdioFile& file, const char* path, const char* mode, bool forWrit
     return 0;
 }
 
-bool isInput(const char* output, const char* oldShadowFile, const char* listFile)
+// An unused list is removed only when it is a regular file of its own: a
+// device such as /dev/null, or a name shared with another file of the run,
+// is left alone.
+bool removableList(const char* list, std::initializer_list<const char*> others)
 {
-    return sameRegularFile(output, oldShadowFile) || sameRegularFile(output, listFile);
+    struct stat st;
+    if (lstat(list, &st) != 0 || !S_ISREG(st.st_mode))
+        return false;
+    for (const char* other : others)
+        if (other != nullptr && (std::strcmp(other, list) == 0 || sameRegularFile(list, other)))
+            return false;
+    return true;
 }
 
 // Refuses an output that is the old shadow database or the scan list.
@@ -635,9 +645,11 @@ int updateShadow(const char* oldShadowFile, const char* newShadowFile, const cha
     const char* const names[7] = {oldShadowFile, newShadowFile, listFile, changedFile,
                                   expiredFile, unsuppFile, hsmMigFile};
     result = run.files.closeAll(result, names);
-    if (unsuppFile != nullptr && !run.counts.unsupportedWritten && !isInput(unsuppFile, oldShadowFile, listFile))
+    if (unsuppFile != nullptr && !run.counts.unsupportedWritten
+        && removableList(unsuppFile, {oldShadowFile, newShadowFile, listFile, changedFile, expiredFile, hsmMigFile}))
         sysUnlink(unsuppFile);
-    if (hsmMigFile != nullptr && run.counts.hsm == 0 && !isInput(hsmMigFile, oldShadowFile, listFile))
+    if (hsmMigFile != nullptr && run.counts.hsm == 0
+        && removableList(hsmMigFile, {oldShadowFile, newShadowFile, listFile, changedFile, expiredFile, unsuppFile}))
         sysUnlink(hsmMigFile);
     return printResult(result, run.counts);
 }

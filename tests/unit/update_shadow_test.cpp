@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <dirent.h>
+#include <sys/stat.h>
 #include <string>
 
 namespace {
@@ -192,6 +193,32 @@ TEST_F(UpdateShadowFaults, MissingDatabaseNamesGiveTheOwnUsageText)
               "Usage: quenby updateShadow <old shadow file> <new shadow file> [<list file> <changed> <expired> "
               "<unsupported> <HSMMigrated> [<subdir>] [<filesetList>]]\n");
     EXPECT_EQ(result, -1);
+}
+
+} // namespace
+
+namespace {
+
+// An unused list is removed only when it is a regular file of its own.
+TEST_F(UpdateShadowFaults, RemovesOnlyUnusedListsThatAreFilesOfTheirOwn)
+{
+    newFileOnly();
+    std::string fifo = dir.file("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    // Migration expiry opens neither list; both stay.
+    updateShadow(oldDb.c_str(), newDb.c_str(), "/dev/null", "/dev/null", dir.file("expired").c_str(), fifo.c_str(),
+                 newDb.c_str(), nullptr, nullptr);
+    testing::internal::GetCapturedStdout();
+    testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(testutil::fileExists(fifo));
+    EXPECT_EQ(testutil::readFile(newDb).substr(0, 12), "%%mshadow0%%");
+
+    testutil::writeFile(dir.file("unsupp"), "old content\n");
+    Outcome o = run();
+    EXPECT_EQ(o.result, 0);
+    EXPECT_FALSE(testutil::fileExists(dir.file("unsupp")));
 }
 
 } // namespace

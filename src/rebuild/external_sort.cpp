@@ -1,0 +1,160 @@
+#include "rebuild/external_sort.h"
+
+#include "records/policy_record.h"
+#include "support/file_open.h"
+#include "support/file_stream.h"
+#include "support/shell_quote.h"
+#include "support/sys_call.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <sys/stat.h>
+
+const char* predefinedSortCommand = "LC_ALL=C /bin/sort";
+
+namespace {
+
+constexpr int kIndexNameSize = 4112;
+constexpr size_t kStreamBufferSize = 1 << 20;
+constexpr size_t kSortOptionsMax = 4096;
+
+void systemError(const char* prefix)
+{
+    std::fprintf(stderr, "%s: %s\n", prefix, std::strerror(errno));
+}
+
+// F1:F2:000000000000000d:-0x1:0:F6:F7:0 from the first record's fields.
+char* constructExpireData(const char* line)
+{
+    if (line[0] == '\0')
+        return nullptr;
+    const char* field[8] = {};
+    size_t length[8] = {};
+    const char* p = line;
+    for (int i = 0; i < 8 && p != nullptr; ++i) {
+        const char* colon = std::strchr(p, ':');
+        field[i] = p;
+        length[i] = colon != nullptr ? static_cast<size_t>(colon - p) : std::strlen(p);
+        p = colon != nullptr ? colon + 1 : nullptr;
+    }
+    auto text = [&](int i) { return std::string(field[i] != nullptr ? field[i] : "", field[i] ? length[i] : 0); };
+    std::string data = text(0) + ":" + text(1) + ":000000000000000d:-0x1:0:" + text(5) + ":" + text(6) + ":0";
+    // At least the 64 bytes the head is known to fit in; more for long fields.
+    size_t bytes = data.size() + 1 < 64 ? 64 : data.size() + 1;
+    char* block = static_cast<char*>(sysRealloc(nullptr, bytes));
+    if (block == nullptr) {
+        std::fputs("quenby: constructExpireData: failed to allocate memory\n", stderr);
+        return nullptr;
+    }
+    std::memcpy(block, data.c_str(), data.size() + 1);
+    return block;
+}
+
+} // namespace
+
+int sortFile(const char* inFile, const char* outFile, const char* tempDir, const char* sortOptions)
+{
+    struct stat st;
+    if (stat("/etc/debian_version", &st) == 0)
+        predefinedSortCommand = "LC_ALL=C /usr/bin/sort";
+    const char* command = predefinedSortCommand;
+    const char* custom = std::getenv("KESTREL_SORT_OPTIONS");
+    if (custom != nullptr && std::strlen(custom) < kSortOptionsMax)
+        command = custom;
+
+    std::string line = command;
+    line += ' ';
+    line += sortOptions != nullptr ? sortOptions : "";
+    line += " -T ";
+    appendShellWord(line, tempDir != nullptr ? tempDir : "/tmp");
+    line += " -o ";
+    appendShellWord(line, outFile);
+    line += ' ';
+    appendShellWord(line, inFile);
+    line += " > /dev/null";
+    if (line.size() >= SORT_COMMAND_MAX) {
+        std::fprintf(stderr, "quenby: sortFile: the sort command line for %s is longer than %d bytes\n", inFile,
+                     SORT_COMMAND_MAX - 1);
+        return -1;
+    }
+
+    std::fflush(stdout);
+    std::fflush(stderr);
+    int status = sysSystem(line.c_str());
+    if (status == 0)
+        return 0;
+    std::fprintf(stderr, "quenby: sortFile: system(%s) returned %d\n", line.c_str(), status);
+    return status;
+}
+
+int sortPDRListByPathname(const char* listFile, const char* sortedFile, char** expireData, const char* tempDir)
+{
+    if (listFile == nullptr || sortedFile == nullptr)
+        return -1;
+    char indexName[kIndexNameSize];
+    if (std::snprintf(indexName, sizeof indexName, "%s.path", listFile) >= static_cast<int>(sizeof indexName)) {
+        std::fprintf(stderr, "quenby: sortPDRListByPathname: list name too long: %s\n", listFile);
+        return -1;
+    }
+    PolicyRecord rec;
+    if (!rec.allocate()) {
+        std::fputs("PROGRAM: sortPDRListByPathname: failed to allocate memory\n", stderr);
+        return -1;
+    }
+
+    FILE* stream = nullptr;
+    cxiFopen(listFile, "r", &stream, inheritNone);
+    if (stream == nullptr) {
+        systemError("quenby: fopen scan result file");
+        std::fprintf(stderr, "quenby: sortPDRListByPathname: could not open %s\n", listFile);
+        return -1;
+    }
+    StdioFile list(stream);
+    std::setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
+    cxiFopen(indexName, "w", &stream, inheritNone);
+    if (stream == nullptr) {
+        systemError("quenby: fopen tmp shadow file");
+        std::fprintf(stderr, "quenby: sortPDRListByPathname: could not open %s\n", indexName);
+        return -1;
+    }
+    StdioFile index(stream);
+    std::setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
+
+    bool first = true;
+    for (;;) {
+        off_t offset = sysFtello(list.get());
+        if (offset < 0) {
+            std::fprintf(stderr, "quenby: sortPDRListByPathname: ftell fail err=%d\n", cxiErrnoChecked());
+            return -1;
+        }
+        int rc = readPolicyRecord(list.get(), &rec.line.ptr, &rec.line.size, &rec.ino, &rec.gen, &rec.path.ptr,
+                                  &rec.path.size, &rec.show.ptr, &rec.show.size, nullptr, nullptr, &rec.endOfFile,
+                                  nullptr, nullptr);
+        if (rc != 0)
+            return rc;
+        if (rec.endOfFile)
+            break;
+        char head[20];
+        std::snprintf(head, sizeof head, "%016llx ", static_cast<unsigned long long>(offset));
+        size_t pathLen = std::strlen(rec.path.ptr);
+        if (sysFwrite(head, 17, index.get()) != 17 || sysFwrite(rec.path.ptr, pathLen, index.get()) != pathLen
+            || sysFwrite("\n", 1, index.get()) != 1) {
+            std::fprintf(stderr, "quenby rebuildshadow: write to %s fail err=%d\n", indexName, cxiErrnoChecked());
+            return -1;
+        }
+        if (first) {
+            first = false;
+            char* data = constructExpireData(rec.line.ptr);
+            if (data == nullptr)
+                return -6;
+            *expireData = data;
+        }
+    }
+    if (index.close() != 0)
+        systemError("quenby: fclose tmp shadow file");
+    int result = sortFile(indexName, sortedFile, tempDir, "-b -k 2");
+    sysUnlink(indexName);
+    return result;
+}

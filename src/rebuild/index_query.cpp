@@ -1,0 +1,152 @@
+#include "rebuild/index_query.h"
+
+#include "cli/dispatch.h"
+#include "records/scanf_cursor.h"
+#include "support/sys_call.h"
+
+#include <climits>
+#include <cstring>
+
+namespace {
+
+constexpr int kIndexLineSize = 8192;
+constexpr int kIndexPathStart = 17;
+constexpr int kQueryPathMax = 4096;
+constexpr int kQueryWordMax = 11;
+
+bool growTo(char** buf, int* size, long long want)
+{
+    if (want > INT_MAX)
+        return false;
+    void* p = sysRealloc(*buf, static_cast<size_t>(want));
+    if (p == nullptr)
+        return false;
+    *buf = static_cast<char*>(p);
+    *size = static_cast<int>(want);
+    return true;
+}
+
+// "%s" into a 12-byte field; a longer word makes the line unparsable.
+bool queryWord(ScanfCursor& in, char* out)
+{
+    char word[kQueryWordMax + 2];
+    if (!in.word(kQueryWordMax + 1, word) || std::strlen(word) > kQueryWordMax)
+        return false;
+    std::memcpy(out, word, std::strlen(word) + 1);
+    return true;
+}
+
+} // namespace
+
+int readIndexFile(FILE* stream, char** pathBuf, int* pathBufSize, long long* offset, unsigned int* eof)
+{
+    char line[kIndexLineSize];
+    for (;;) {
+        if (std::fgets(line, sizeof line, stream) == nullptr || std::feof(stream)) {
+            *eof = 1;
+            return 0;
+        }
+        size_t len = std::strlen(line);
+        if (len == sizeof line - 1 && line[len - 1] != '\n') {
+            std::fprintf(stderr, "quenby: readIndexFile: sorted Index line is too long. [%s]\n", line);
+            return -1;
+        }
+        ScanfCursor in(line);
+        int count = 0;
+        if (in.number(16, true)) {
+            *offset = static_cast<long long>(in.asUnsigned());
+            in.stored();
+        }
+        count = in.result();
+        if (count != 1) {
+            std::fprintf(stderr, "quenby: readIndexFile: sscanf(%s) return %d\n", line, count);
+            return -1;
+        }
+        if (len < static_cast<size_t>(kIndexPathStart)) {
+            std::fprintf(stderr, "quenby: readIndexFile: index line without a path [%s]\n", line);
+            return -1;
+        }
+        char* path = line + kIndexPathStart;
+        size_t pathLen = len - kIndexPathStart;
+        if (pathLen > 0 && path[pathLen - 1] == '\n')
+            path[--pathLen] = '\0';
+        if (quenby_debug > 4)
+            std::fprintf(stderr, "readIndexFile:%lld:%s\n", *offset, path);
+        if (std::strcmp(path, ".") == 0 || std::strncmp(path, ".kestrel", 8) == 0)
+            continue;
+        if (static_cast<size_t>(*pathBufSize) <= pathLen) {
+            long long want = 2LL * *pathBufSize > static_cast<long long>(pathLen) + 1 ? 2LL * *pathBufSize
+                                                                                       : static_cast<long long>(pathLen) + 1;
+            if (!growTo(pathBuf, pathBufSize, want)) {
+                std::fprintf(stderr, "quenby: readIndexFile: failed to realloc(size=%lld) memory for line %s\n", want,
+                             path);
+                return 12;
+            }
+        }
+        std::memcpy(*pathBuf, path, pathLen + 1);
+        return 0;
+    }
+}
+
+int readQueryRecord(FILE* stream, char** lineBuf, int* lineBufSize, char** pathBuf, int* pathBufSize,
+                    queryRecord* rec, unsigned int* eof)
+{
+    *eof = 0;
+    char* line;
+    for (;;) {
+        line = *lineBuf;
+        if (std::fgets(line, *lineBufSize, stream) == nullptr || std::feof(stream)) {
+            *eof = 1;
+            return 0;
+        }
+        size_t len = std::strlen(line);
+        if (len + 1 < static_cast<size_t>(*lineBufSize) || line[len - 1] == '\n')
+            break;
+        if (*lineBufSize > INT_MAX / 2 || !growTo(lineBuf, lineBufSize, 2LL * *lineBufSize))
+            return 12;
+        if (sysFseeko(stream, -static_cast<off_t>(len), SEEK_CUR) != 0)
+            return -1;
+    }
+    if (quenby_debug > 4)
+        std::fprintf(stderr, "quenby:readQueryRecord: lineP=%s", line);
+
+    ScanfCursor in(line);
+    int pathLen = -1;
+    bool parsed = in.number(-1, false);
+    if (parsed)
+        rec->attrFlag = in.asInt();
+    parsed = parsed && queryWord(in, rec->mtimeDate) && queryWord(in, rec->mtimeTime) && queryWord(in, rec->ctimeDate)
+             && queryWord(in, rec->ctimeTime) && in.number(-1, false);
+    if (parsed)
+        rec->fileSize = in.asLongLong();
+    parsed = parsed && in.number(-1, false);
+    if (parsed)
+        pathLen = in.asInt();
+    if (!parsed || pathLen < 0) {
+        std::fprintf(stderr, "quenby: readQueryRecord: failed to parse query record line [%s]\n", line);
+        return -1;
+    }
+    if (*pathBufSize <= pathLen) {
+        if (pathLen > kQueryPathMax)
+            return 22;
+        long long want = 2LL * *pathBufSize > pathLen + 1LL ? 2LL * *pathBufSize : pathLen + 1LL;
+        if (!growTo(pathBuf, pathBufSize, want)) {
+            std::fprintf(stderr, "quenby: readQueryRecord: failed to realloc(size=%lld) memory for line %s\n", want,
+                         line);
+            return 12;
+        }
+    }
+    // The path must be there, whole, after the first "!".
+    const char* bang = std::strchr(line, '!');
+    if (bang == nullptr || strnlen(bang + 1, static_cast<size_t>(pathLen)) < static_cast<size_t>(pathLen)) {
+        std::fprintf(stderr, "quenby: readQueryRecord: failed to parse query record line [%s]\n", line);
+        return -1;
+    }
+    std::memcpy(*pathBuf, bang + 1, static_cast<size_t>(pathLen));
+    (*pathBuf)[pathLen] = '\0';
+    if (quenby_debug > 4)
+        std::fprintf(stderr, "quenby:readQueryRecord: len=%d, pathname=%s, size=%lld\n", pathLen, *pathBuf,
+                     static_cast<long long>(rec->fileSize));
+    rec->pathLen = pathLen;
+    return 0;
+}

@@ -1,0 +1,27 @@
+// The two path-ordered line formats walked by the rebuild and the query
+// verification: the sorted index of a PDR list and the server query file.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+// One file object the backup server holds.
+struct queryRecord {
+    int attrFlag;       // 0: the server's change time does not count
+    char mtimeDate[12];
+    char mtimeTime[12];
+    char ctimeDate[12];
+    char ctimeTime[12];
+    int64_t fileSize;   // negative: unknown
+    int pathLen;
+};
+
+// The next index line that is not "." or ".kestrel...": its offset and path.
+// 0 (with *eof 1 at the end), -1 a bad line, 12 no memory.
+int readIndexFile(FILE* stream, char** pathBuf, int* pathBufSize, long long* offset, unsigned int* eof);
+
+// The next query line: its fields into *rec, its path into *pathBuf.
+// 0 (with *eof 1 at the end), -1 a bad line or no repositioning, 12 no
+// memory, 22 a path longer than 4096 bytes.
+int readQueryRecord(FILE* stream, char** lineBuf, int* lineBufSize, char** pathBuf, int* pathBufSize,
+                    queryRecord* rec, unsigned int* eof);

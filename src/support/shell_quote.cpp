@@ -1,0 +1,31 @@
+#include "support/shell_quote.h"
+
+#include <cstring>
+
+bool shellSafe(const char* word)
+{
+    // Characters the shell interprets anywhere in a word, or at its start.
+    static const char special[] = " \t\n'\"$;&|<>()`\\*?[#~";
+    if (*word == '\0')
+        return false;
+    for (const char* c = word; *c != '\0'; ++c)
+        if (std::strchr(special, *c) != nullptr)
+            return false;
+    return true;
+}
+
+void appendShellWord(std::string& out, const char* word)
+{
+    if (shellSafe(word)) {
+        out += word;
+        return;
+    }
+    out += '\'';
+    for (const char* c = word; *c != '\0'; ++c) {
+        if (*c == '\'')
+            out += "'\\''";
+        else
+            out += *c;
+    }
+    out += '\'';
+}
