@@ -1,9 +1,429 @@
 #include "rebuild/verify_shadow.h"
 
-#include <cstdio>
+#include "cli/dispatch.h"
+#include "rebuild/verify_common.h"
+#include "records/record_edit.h"
+#include "support/file_open.h"
+#include "support/sys_call.h"
 
-int verifyShadow(const char*, const char*, const char*, const char*, const char*)
+#include <cstdarg>
+#include <cstdint>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+namespace {
+
+constexpr int kNameSize = 4096;
+constexpr size_t kStreamBufferSize = 1 << 20;
+constexpr int kShadowVersion = 1400;
+
+bool isNone(const char* name)
 {
-    std::fputs("quenby: verifyshadow is not built yet\n", stderr);
-    return -1;
+    return name == nullptr || std::strcmp(name, "NONE") == 0;
+}
+
+// The list walk: the shadow database and a prep list, both by inode.
+class ListWalk {
+public:
+    explicit ListWalk(VerifyContext& v) : v_(v) {}
+    bool allocate() { return listRec_.allocate() && lastPath_.allocate(PDR_PATH_BUF_SIZE); }
+    void setList(FILE* list) { list_ = list; }
+    int run();
+
+private:
+    int readList();
+    int readShadow() { return v_.readShadow(); }
+    void pendingCheck();
+    void setPending();
+    void countFlag(int flag);
+    void onlyInShadow();
+    int shadowDrain();
+    int listDrain();
+
+    VerifyContext& v_;
+    FILE* list_ = nullptr;
+    PolicyRecord listRec_;
+    uint64_t lastIno_ = 0;
+    HeapBuf lastPath_;
+};
+
+int ListWalk::readList()
+{
+    for (;;) {
+        int rc = listRec_.read(list_);
+        if (rc < 0)
+            return rc;
+        if (listRec_.endOfFile)
+            return 0;
+        if (rc == PDR_UNSUPPORTED) {
+            ++v_.counts.unsupported;
+            continue;
+        }
+        if (rc == PDR_INTERNAL)
+            continue;
+        ++v_.counts.validList;
+        return 0;
+    }
+}
+
+void ListWalk::pendingCheck()
+{
+    if (lastIno_ != 0) {
+        v_.reportLine("Check lastIno failed: lastIno %016llx lastPath %s currIno %016llx\n",
+                      (unsigned long long)lastIno_, lastPath_.ptr, (unsigned long long)v_.shadowRec.ino);
+        ++v_.counts.invalid;
+    }
+}
+
+// A live record of this inode must follow the current shadow record.
+void ListWalk::setPending()
+{
+    const char* path = v_.shadowRec.path.ptr;
+    size_t len = std::strlen(path);
+    if (static_cast<size_t>(lastPath_.size) <= len && !lastPath_.grow(static_cast<int>(len) + 1))
+        return;
+    std::memcpy(lastPath_.ptr, path, len + 1);
+    lastIno_ = v_.shadowRec.ino;
+}
+
+void ListWalk::countFlag(int flag)
+{
+    if (flag == PDR_NORMAL)
+        ++v_.counts.normal;
+    else if (flag == PDR_BACKUP)
+        ++v_.counts.backup;
+    else if (flag == PDR_METACH)
+        ++v_.counts.metach;
+}
+
+// The current shadow record has no list record.
+void ListWalk::onlyInShadow()
+{
+    const PolicyRecord& s = v_.shadowRec;
+    if (s.filesetName != nullptr && s.filesetName[0] != '\0') {
+        v_.reportLine("Files only in shadow(could be unlinked fset): %016llx %s %s\n", (unsigned long long)s.ino,
+                      s.path.ptr, s.filesetName);
+        ++v_.counts.unlinked;
+    } else {
+        v_.reportLine("Unvalid file in shadow: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+        ++v_.counts.invalid;
+    }
+}
+
+int ListWalk::run()
+{
+    PolicyRecord& s = v_.shadowRec;
+    PolicyRecord& l = listRec_;
+    int rc = 0;
+    if ((rc = readList()) || (rc = readShadow()))
+        return rc;
+    for (;;) {
+        if (l.endOfFile)
+            return shadowDrain();
+        if (s.endOfFile)
+            return listDrain();
+        if (quenby_debug > 4)
+            std::fprintf(stderr, "quenby::verifyShadow(list %x shadow %x) comparing \n %s %s\n", l.state, s.state,
+                         l.line.ptr, s.line.ptr);
+
+        if (!v_.shadowExamined) {
+            v_.checkHsmState();
+            const int flag = s.state;
+            if (flag == PDR_CHANGE) {
+                pendingCheck();
+                setPending();
+                v_.reportLine("File with CHANGE flag: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+                ++v_.counts.change;
+                if ((rc = readShadow()))
+                    return rc;
+                continue;
+            }
+            if (flag == PDR_DELETE || flag == PDR_EXPIRE) {
+                if (s.ino == l.ino && std::strcmp(s.path.ptr, l.path.ptr) == 0) {
+                    pendingCheck();
+                    setPending();
+                }
+                if (flag == PDR_DELETE) {
+                    ++v_.counts.deleted;
+                } else {
+                    ++v_.counts.expire;
+                    v_.reportLine("File with EXPIRE flag: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+                }
+                if ((rc = readShadow()))
+                    return rc;
+                continue;
+            }
+            if (flag == PDR_NORMAL || flag == PDR_BACKUP || flag == PDR_METACH) {
+                countFlag(flag);
+                if (lastIno_ != 0 && lastIno_ != s.ino) {
+                    v_.reportLine("Check lastIno failed: lastIno %016llx lastPath %s currIno %016llx\n",
+                                  (unsigned long long)lastIno_, lastPath_.ptr, (unsigned long long)s.ino);
+                    ++v_.counts.invalid;
+                }
+                v_.shadowExamined = true;
+            } else {
+                v_.reportLine("Record flag is UNKNOWN: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+                ++v_.counts.wrongFlag;
+                if ((rc = readShadow()))
+                    return rc;
+                continue;
+            }
+        }
+
+        if (s.ino < l.ino) {
+            onlyInShadow();
+            lastIno_ = 0;
+            if ((rc = readShadow()))
+                return rc;
+            continue;
+        }
+        if (s.ino > l.ino) {
+            v_.reportLine("Unhandled file in prep list: %016llx %s\n", (unsigned long long)l.ino, l.path.ptr);
+            ++v_.counts.unhandled;
+            lastIno_ = 0;
+            if ((rc = readList()))
+                return rc;
+            continue;
+        }
+        bool samePath = std::strcmp(s.path.ptr, l.path.ptr) == 0;
+        if (!samePath) {
+            v_.reportLine("Inode/Path not matched: shadow %016llx %s list %016llx %s\n", (unsigned long long)s.ino,
+                          s.path.ptr, (unsigned long long)l.ino, l.path.ptr);
+            ++v_.counts.invalid;
+        }
+        if (diffShowData(s.show.ptr, l.show.ptr, s.filesetName, l.filesetName, s.hsmState, l.hsmState) != 0) {
+            v_.reportLine("Attr not matched: shadow %016llx %s %s list %016llx %s %s\n", (unsigned long long)s.ino,
+                          s.path.ptr, s.show.ptr, (unsigned long long)l.ino, l.path.ptr, l.show.ptr);
+            ++v_.counts.invalid;
+        }
+        lastIno_ = 0;
+        if (samePath && (rc = readList()))
+            return rc;
+        if ((rc = readShadow()))
+            return rc;
+    }
+}
+
+// The prep list has run out: every shadow record left is in the shadow
+// database only.
+int ListWalk::shadowDrain()
+{
+    PolicyRecord& s = v_.shadowRec;
+    while (!s.endOfFile) {
+        const int flag = s.state;
+        if (flag == PDR_DELETE) {
+            ++v_.counts.deleted;
+        } else if (flag == PDR_EXPIRE) {
+            ++v_.counts.expire;
+            v_.reportLine("File with EXPIRE flag: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+        } else {
+            if (!v_.shadowExamined) {
+                if (flag == PDR_CHANGE) {
+                    ++v_.counts.change;
+                    v_.reportLine("File with CHANGE flag: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+                } else if (flag == PDR_NORMAL || flag == PDR_BACKUP || flag == PDR_METACH) {
+                    countFlag(flag);
+                } else {
+                    v_.reportLine("Record flag is UNKNOWN: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+                    ++v_.counts.wrongFlag;
+                }
+            }
+            onlyInShadow();
+        }
+        if (int rc = readShadow())
+            return rc;
+    }
+    return 0;
+}
+
+// The shadow database has run out: every list record left is unhandled.
+int ListWalk::listDrain()
+{
+    PolicyRecord& l = listRec_;
+    while (!l.endOfFile) {
+        v_.reportLine("Unhandled file in prep list: %016llx %s\n", (unsigned long long)l.ino, l.path.ptr);
+        ++v_.counts.unhandled;
+        for (;;) {
+            int rc = l.read(list_);
+            if (rc < 0)
+                return rc;
+            if (l.endOfFile)
+                break;
+            if (rc == PDR_UNSUPPORTED) {
+                ++v_.counts.unsupported;
+                continue;
+            }
+            if (rc == PDR_INTERNAL) {
+                if (quenby_debug > 4)
+                    std::fprintf(stderr, "quenby: verifyShadow skipping internal path [%s]\n", l.path.ptr);
+                continue;
+            }
+            ++v_.counts.validList;
+            break;
+        }
+    }
+    return shadowDrain();
+}
+
+void printSummary(const VerifyCounts& c, bool queryMode, const char* reportName)
+{
+    std::fputs("quenby verifyshadow summary infomation:\n", stdout);
+    std::printf("total number of entries with record flag NORMAL(0x0)         :%d\n", c.normal);
+    if (!queryMode) {
+        std::printf("total number of entries with record flag METACH(0xa)         :%d\n", c.metach);
+        std::printf("total number of entries with record flag BACKUP(0xb)         :%d\n", c.backup);
+        std::printf("total number of entries with record flag CHANGE(0xc)         :%d\n", c.change);
+        std::printf("total number of entries with record flag DELETE(0xd)         :%d\n", c.deleted);
+        std::printf("total number of entries with record flag EXPIRE(0xe)         :%d\n", c.expire);
+    }
+    const struct {
+        const char* label;
+        int count;
+    } optional[] = {
+        {"total number of invalid entries in shadow                    :%d\n", c.invalid},
+        {"total number of files (unlinked fileset) in shadow           :%d\n", c.unlinked},
+        {"total number of entries with wrong record flag in shadow     :%d\n", c.wrongFlag},
+        {"total number of valid entries in list                        :%d\n", c.validList},
+        {"total number of unhandled files in list                      :%d\n", c.unhandled},
+        {"total number of entries with unsupported characters in list  :%d\n", c.unsupported},
+    };
+    for (const auto& line : optional)
+        if (line.count > 0)
+            std::printf(line.label, line.count);
+    std::printf("verifyShadow done, see %s to track files that cannot pass verification\n", reportName);
+}
+
+int openFile(StdioFile& file, const char* path, const char* mode)
+{
+    FILE* stream = nullptr;
+    int err = cxiFopen(path, mode, &stream, inheritNone);
+    if (stream == nullptr) {
+        std::fprintf(stderr, "quenby::VERIFYSHADOW::1::could not open %s for %s (error=%d)\n", path,
+                     mode[0] == 'r' ? "read" : "write", err);
+        return -1;
+    }
+    std::setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
+    file = StdioFile(stream);
+    return 0;
+}
+
+// Header line 1 must carry format version 1400.
+int checkHeader(VerifyContext& v)
+{
+    char* line = v.shadowRec.line.ptr;
+    int size = v.shadowRec.line.size < 8192 ? v.shadowRec.line.size : 8192;
+    if (fgets_unlocked(line, size, v.shadow.get()) == nullptr || feof_unlocked(v.shadow.get())) {
+        std::fprintf(stderr, "quenby::VERIFYSHADOW::1::could not get shadow header in %s\n", v.shadowFile);
+        return -1;
+    }
+    char f1[256], f2[256], f4[4096], f5[256], f7[256];
+    int version = 0, count = 0;
+    f4[0] = '\0';
+    std::sscanf(line, "%255[^:]:%255[^:]:%d:%4095[^:]:%255[^:]:%d:%255[^\n]", f1, f2, &version, f4, f5, &count, f7);
+    if (version != kShadowVersion) {
+        std::fprintf(stderr, "quenby::VERIFYSHADOW::1::shadow file version %d shadow hdr version %s\n", version,
+                     "1400");
+        return -1;
+    }
+    if (quenby_debug > 4)
+        std::fprintf(stderr, "quenby:VERIFYSHADOW::1::shadow header(version %d backupdir %s)\n", version, f4);
+    return 0;
+}
+
+} // namespace
+
+void VerifyContext::reportLine(const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    std::vfprintf(report.get(), format, args);
+    va_end(args);
+}
+
+void VerifyContext::checkHsmState()
+{
+    const char* hsm = shadowRec.hsmState;
+    if (hsm != nullptr && (std::strcmp(hsm, "resdnt") == 0 || std::strcmp(hsm, "migrat") == 0
+                           || std::strcmp(hsm, "premig") == 0))
+        return;
+    reportLine("Wrong migration state flag: %016llx %s %s\n", (unsigned long long)shadowRec.ino, shadowRec.path.ptr,
+               hsm != nullptr ? hsm : "");
+    ++counts.invalid;
+}
+
+int VerifyContext::readShadow()
+{
+    for (;;) {
+        int rc = shadowRec.read(shadow.get());
+        shadowExamined = false;
+        if (rc < 0 || shadowRec.endOfFile)
+            return rc < 0 ? rc : 0;
+        if (rc == PDR_UNSUPPORTED || rc == PDR_INTERNAL) {
+            reportLine("INTERNAL file or UNSUPPORTED characters in shadow: %016llx %s\n",
+                       (unsigned long long)shadowRec.ino, shadowRec.path.ptr);
+            ++counts.invalid;
+            continue;
+        }
+        return 0;
+    }
+}
+
+int verifyShadow(const char* shadowFile, const char* prepListFile, const char* outputFile, const char* qbsQueryFile,
+                 const char* sortDirectory)
+{
+    const bool queryMode = qbsQueryFile != nullptr;
+    VerifyContext v{shadowFile, sortDirectory, {}, {}, {}, false, {}};
+    StdioFile prepList;
+    ListWalk walk(v);
+    char sortedName[kNameSize];
+    char reportName[kNameSize];
+    int result = 0;
+    bool walked = false;
+
+    if (queryMode && std::snprintf(sortedName, sizeof sortedName, "%s.Sorted", shadowFile) >= kNameSize) {
+        std::fprintf(stderr, "quenby::VERIFYSHADOW::1::shadow file name too long: %s\n", shadowFile);
+        result = -1;
+    } else if (!v.shadowRec.allocate() || !walk.allocate()) {
+        std::fputs("quenby::VERIFYSHADOW::1::failed to allocate memory\n", stderr);
+        result = -1;
+    } else {
+        time_t start = std::time(nullptr);
+        struct tm local;
+        localtime_r(&start, &local);
+        if (isNone(outputFile))
+            std::snprintf(reportName, sizeof reportName, "/tmp/quenby.verifyShadow.%4d%02d%02d.%02d%02d%02d",
+                          local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
+                          local.tm_sec);
+        else if (std::snprintf(reportName, sizeof reportName, "%s", outputFile) >= kNameSize)
+            result = -1;
+        if (result != 0) {
+            std::fprintf(stderr, "quenby::VERIFYSHADOW::1::report file name too long: %s\n", outputFile);
+        } else if (openFile(v.shadow, shadowFile, "r") != 0
+                   || (!queryMode && openFile(prepList, prepListFile, "r") != 0)
+                   || openFile(v.report, reportName, "w") != 0 || checkHeader(v) != 0) {
+            result = -1;
+        } else {
+            if (queryMode) {
+                result = verifyQueryWalk(v, qbsQueryFile, sortedName, &walked);
+            } else {
+                walk.setList(prepList.get());
+                result = walk.run();
+                walked = result == 0;
+                if (walked)
+                    result = v.counts.invalid > 0 || v.counts.unhandled > 0 ? 1 : 0;
+            }
+        }
+    }
+    if (walked)
+        printSummary(v.counts, queryMode, reportName);
+    v.shadow.close();
+    prepList.close();
+    v.report.close();
+    if (result == 0)
+        std::fputs("::VERIFYSHADOW::0::\n", stdout);
+    else
+        std::printf("::VERIFYSHADOW::%d::%d::%d::\n", result, v.counts.invalid, v.counts.unhandled);
+    std::fflush(stdout);
+    return result;
 }

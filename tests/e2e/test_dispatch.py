@@ -37,18 +37,17 @@ def usage(keyword, n, text, args=None):
             "stdout": "", "stderr": text, "status": 22}
 
 
-def stub(keyword, args):
-    return {"name": "%s with %d arguments reaches the sub-command" % (keyword, len(args)),
-            "args": [keyword] + args,
-            "stdout": "", "stderr": "quenby: %s is not built yet\n" % keyword, "status": 255}
-
-
 def reached(keyword, args, stdout="", stderr="", status=255):
     """A built sub-command got the arguments: its own failure shows it."""
     return {"name": "%s with %d arguments reaches the sub-command" % (keyword, len(args)),
             "args": [keyword] + args, "stdout": stdout, "stderr": stderr, "status": status}
 
 
+NO_SCAN = ("quenby: fopen scan result file: No such file or directory\n"
+           "quenby: sortPDRListByPathname: could not open a2\n"
+           "quenby rebuildShadow : sort scan list file fail, rc = -1\n")
+VERIFY_FAILED = "::VERIFYSHADOW::-1::0::0::\n"
+NO_SHADOW = "quenby::VERIFYSHADOW::1::could not open a1 for read (error=2)\n"
 NO_QOPT = "quenby validateqbsclient query - QBS Client option command not provided in exec\n"
 
 
@@ -96,21 +95,21 @@ USAGE_CASES = (
 )
 
 # Correct counts get past the driver to the sub-command.
-STUB_CASES = [
+REACHED_CASES = [
     reached("clustermigdiff", words(4), stdout="quenby::CLUSTERMIGDIFFERR::-1::0::0::0::\n",
             stderr="quenby::CLUSTERMIGDIFFERR::1::could not open a1 for read (error=2)\n"),
-    stub("rebuildshadow", words(3)),
-    stub("rebuildshadow", words(4)),
-    stub("rebuildshadow", words(5)),
+    reached("rebuildshadow", words(3), stderr=NO_SCAN),
+    reached("rebuildshadow", words(4), stderr=NO_SCAN),
+    reached("rebuildshadow", words(5), stderr=NO_SCAN),
     reached("execbunch", ["f", "c", "e", "s", "db", "abc"], stdout=EXECBUNCH_USAGE),
     reached("execbunch", ["nofile", "c", "e", "s", "db", "10"], stdout=EXECBUNCH_NOFILE, stderr=NOFILE),
     reached("execbunch", ["nofile", "c", "e", "s", "db", "10", "/fs"], stdout=EXECBUNCH_NOFILE, stderr=NOFILE),
     reached("execbunch", ["nofile", "c", "e", "s", "db", "10", "", "a8"], stdout=EXECBUNCH_NOFILE,
             stderr=NOFILE),
     reached("validateqbsclient", words(3), stderr=NO_QOPT, status=101),
-    stub("verifyshadow", words(2)),
-    stub("verifyshadow", words(3)),
-    stub("verifyshadow", words(5)),
+    reached("verifyshadow", words(2), stdout=VERIFY_FAILED, stderr=NO_SHADOW),
+    reached("verifyshadow", words(3), stdout=VERIFY_FAILED, stderr=NO_SHADOW),
+    reached("verifyshadow", words(5), stdout=VERIFY_FAILED, stderr=NO_SHADOW),
 ]
 
 # "updateshadow" with an accepted count hands over: the missing old shadow
@@ -170,8 +169,8 @@ class DispatchTest(unittest.TestCase):
     def test_usage_texts(self):
         self.run_table(USAGE_CASES)
 
-    def test_stubs_reached(self):
-        self.run_table(STUB_CASES)
+    def test_sub_commands_reached(self):
+        self.run_table(REACHED_CASES)
 
     def test_updateshadow_reached(self):
         self.run_table(UPDATESHADOW_CASES)

@@ -1,0 +1,48 @@
+// What the two verification walks share: the shadow database side, the
+// report file, the counters and the checks a shadow record gets.
+#pragma once
+
+#include "records/policy_record.h"
+#include "support/file_stream.h"
+
+#include <cstdio>
+
+struct VerifyCounts {
+    int normal = 0;
+    int metach = 0;
+    int backup = 0;
+    int change = 0;
+    int deleted = 0;
+    int expire = 0;
+    int invalid = 0;
+    int unlinked = 0;
+    int wrongFlag = 0;
+    int validList = 0;
+    int unhandled = 0;
+    int unsupported = 0;
+};
+
+struct VerifyContext {
+    const char* shadowFile;
+    const char* sortDirectory;
+    StdioFile shadow;
+    StdioFile report;
+    PolicyRecord shadowRec;
+    bool shadowExamined = false;
+    VerifyCounts counts;
+
+    // Writes one finding to the report file.
+    void reportLine(const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+    // The current shadow record's HSM state must be one the server knows.
+    void checkHsmState();
+
+    // Reads the shadow database's next record; internal and unsupported
+    // records are reported and passed over. The reader's result.
+    int readShadow();
+};
+
+// The query walk: the shadow database compared by path with the server's
+// query file. 1 when something failed verification, 0 when not, otherwise
+// the code of the failure that stopped it; *completed tells which.
+int verifyQueryWalk(VerifyContext& v, const char* qbsQueryFile, const char* sortedIndexName, bool* completed);

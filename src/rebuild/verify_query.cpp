@@ -1,0 +1,242 @@
+#include "cli/dispatch.h"
+#include "rebuild/external_sort.h"
+#include "rebuild/index_query.h"
+#include "rebuild/verify_common.h"
+#include "records/record_at.h"
+#include "support/file_open.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace {
+
+constexpr int kQueryLineSize = 8192;
+constexpr size_t kStreamBufferSize = 1 << 20;
+
+struct FreeDeleter {
+    void operator()(char* p) const { std::free(p); }
+};
+
+class QueryWalk {
+public:
+    QueryWalk(VerifyContext& v, FILE* index, FILE* query) : v_(v), index_(index), query_(query) {}
+    bool allocate()
+    {
+        return queryLine_.allocate(kQueryLineSize) && queryPath_.allocate(PDR_PATH_BUF_SIZE)
+               && indexPath_.allocate(PDR_PATH_BUF_SIZE);
+    }
+    int run();
+
+private:
+    int readQuery()
+    {
+        int rc = readQueryRecord(query_, &queryLine_.ptr, &queryLine_.size, &queryPath_.ptr, &queryPath_.size, &q_,
+                                 &queryEof_);
+        if (rc != 0)
+            std::fprintf(stderr, "quenby:VERIFYSHADOW::1::failed reading QBS QueryShadow record, rc=%d\n", rc);
+        return rc;
+    }
+    int advanceShadow()
+    {
+        fetched_ = false;
+        int rc = readIndexFile(index_, &indexPath_.ptr, &indexPath_.size, &offset_, &indexEof_);
+        if (rc != 0)
+            std::fputs("quenby: verifyShadow: failed reading sorted shadow record\n", stderr);
+        return rc;
+    }
+    int fetch(int* readerResult);
+    bool unsupportedQueryPath() const
+    {
+        const char* path = queryPath_.ptr;
+        return std::strncmp(path, ".kestrel", 8) == 0 || std::strchr(path, '\x18') != nullptr
+               || std::strchr(path, '\x19') != nullptr;
+    }
+    int shadowTail();
+    int queryTail();
+
+    VerifyContext& v_;
+    FILE* index_;
+    FILE* query_;
+    HeapBuf queryLine_, queryPath_, indexPath_;
+    queryRecord q_{};
+    unsigned int queryEof_ = 0;
+    unsigned int indexEof_ = 0;
+    long long offset_ = 0;
+    bool fetched_ = false;
+};
+
+// The shadow record the current index line points to. -1 when it cannot be
+// read; otherwise 0 with the reader's result in *readerResult.
+int QueryWalk::fetch(int* readerResult)
+{
+    PolicyRecord& s = v_.shadowRec;
+    size_t len = 0;
+    offset_t start = 0;
+    int got = readRecordLineAt(fileno(v_.shadow.get()), offset_, &s.line.ptr, &s.line.size, &len, &start);
+    if (got < 0) {
+        std::fprintf(stderr, "quenby: verifyShadow: cannot seek to offset %lld of shadow file, err=%d\n", offset_, -1);
+        return -1;
+    }
+    s.lineLength = len;
+    s.endOfFile = 0;
+    // An index made from this file always points at a record.
+    *readerResult = got == 0 ? -1
+                             : parsePolicyRecordLine(s.line.ptr, len, s.line.size, &s.ino, &s.gen, &s.path.ptr,
+                                                     &s.path.size, &s.show.ptr, &s.show.size, &s.filesetName,
+                                                     &s.hsmState, &s.state, &s.escapedPath);
+    fetched_ = true;
+    v_.shadowExamined = false;
+    return 0;
+}
+
+int QueryWalk::run()
+{
+    PolicyRecord& s = v_.shadowRec;
+    int rc = 0;
+    if ((rc = readQuery()) || (rc = advanceShadow()))
+        return rc;
+    for (;;) {
+        if (queryEof_)
+            return shadowTail();
+        if (indexEof_)
+            return queryTail();
+        if (!fetched_) {
+            int reader = 0;
+            if ((rc = fetch(&reader)))
+                return rc;
+            if (reader < 0) {
+                std::fprintf(stderr, "quenby: verifyshadow: read shadow file failed at offset %lld\n", offset_);
+                return reader;
+            }
+            if (reader == PDR_UNSUPPORTED || reader == PDR_INTERNAL) {
+                v_.reportLine("INTERNAL file or UNSUPPORTED characters in shadow: %016llx %s\n",
+                              (unsigned long long)s.ino, s.path.ptr);
+                ++v_.counts.invalid;
+                if ((rc = advanceShadow()))
+                    return rc;
+                continue;
+            }
+        }
+        if (unsupportedQueryPath()) {
+            ++v_.counts.unsupported;
+            if ((rc = readQuery()))
+                return rc;
+            continue;
+        }
+        if (quenby_debug > 4)
+            std::fprintf(stderr, "quenby::verifyshadow comparing \n %s %s \n", queryLine_.ptr, s.line.ptr);
+        if (!v_.shadowExamined) {
+            v_.checkHsmState();
+            if (s.state != PDR_NORMAL) {
+                v_.reportLine("Record flag is error: %016llx %s 0x%x\n", (unsigned long long)s.ino, s.path.ptr,
+                              s.state);
+                ++v_.counts.invalid;
+            } else {
+                ++v_.counts.normal;
+            }
+            v_.shadowExamined = true;
+        }
+        int cmp = std::strcmp(queryPath_.ptr, s.path.ptr);
+        if (cmp == 0) {
+            if (q_.attrFlag != 0
+                && (std::strstr(s.show.ptr, q_.mtimeDate) == nullptr || std::strstr(s.show.ptr, q_.mtimeTime) == nullptr
+                    || std::strstr(s.show.ptr, q_.ctimeDate) == nullptr
+                    || std::strstr(s.show.ptr, q_.ctimeTime) == nullptr)) {
+                v_.reportLine("Attribute is error: %016llx %s %s\n", (unsigned long long)s.ino, s.path.ptr,
+                              s.show.ptr);
+                ++v_.counts.invalid;
+            }
+            if ((rc = readQuery()) || (rc = advanceShadow()))
+                return rc;
+        } else if (cmp < 0) {
+            v_.reportLine("File doesn't exist in Shadow: %s\n", queryPath_.ptr);
+            ++v_.counts.invalid;
+            if ((rc = readQuery()))
+                return rc;
+        } else {
+            v_.reportLine("Unvalid file in shadow: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+            ++v_.counts.invalid;
+            if ((rc = advanceShadow()))
+                return rc;
+        }
+    }
+}
+
+// The server holds nothing more: every shadow record left is invalid.
+int QueryWalk::shadowTail()
+{
+    PolicyRecord& s = v_.shadowRec;
+    while (!indexEof_) {
+        int reader = 0;
+        if (int rc = fetch(&reader))
+            return rc;
+        if (reader < 0) {
+            std::fprintf(stderr, "quenby: verifyShadow: read shadow file failed at offset %lld\n", offset_);
+            return reader;
+        }
+        v_.reportLine("Unvalid file in shadow: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+        ++v_.counts.invalid;
+        if (int rc = advanceShadow())
+            return rc;
+    }
+    return 0;
+}
+
+// The shadow database holds nothing more: every query record left is missing.
+int QueryWalk::queryTail()
+{
+    while (!queryEof_) {
+        if (unsupportedQueryPath()) {
+            ++v_.counts.unsupported;
+        } else {
+            v_.reportLine("File doesn't exist in Shadow: %s\n", queryPath_.ptr);
+            ++v_.counts.invalid;
+        }
+        int rc = readQueryRecord(query_, &queryLine_.ptr, &queryLine_.size, &queryPath_.ptr, &queryPath_.size, &q_,
+                                 &queryEof_);
+        if (rc != 0)
+            return rc;
+    }
+    return 0;
+}
+
+int openInput(StdioFile& file, const char* path)
+{
+    FILE* stream = nullptr;
+    int err = cxiFopen(path, "r", &stream, inheritNone);
+    if (stream == nullptr) {
+        std::fprintf(stderr, "quenby:VERIFYSHADOW::1::could not open %s for read (error=%d)\n", path, err);
+        return -1;
+    }
+    std::setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
+    file = StdioFile(stream);
+    return 0;
+}
+
+} // namespace
+
+int verifyQueryWalk(VerifyContext& v, const char* qbsQueryFile, const char* sortedIndexName, bool* completed)
+{
+    *completed = false;
+    char* expire = nullptr;
+    int rc = sortPDRListByPathname(v.shadowFile, sortedIndexName, &expire, v.sortDirectory);
+    std::unique_ptr<char, FreeDeleter> expireData(expire);
+    if (rc != 0) {
+        std::fprintf(stderr, "quenby:VERIFYSHADOW::1::sort scan shadow file fail, rc = %d\n", rc);
+        return rc;
+    }
+    StdioFile index, query;
+    if (openInput(index, sortedIndexName) != 0 || openInput(query, qbsQueryFile) != 0)
+        return -1;
+    QueryWalk walk(v, index.get(), query.get());
+    if (!walk.allocate()) {
+        std::fputs("quenby::VERIFYSHADOW::1::failed to allocate memory\n", stderr);
+        return -1;
+    }
+    rc = walk.run();
+    if (rc != 0)
+        return rc;
+    *completed = true;
+    return v.counts.invalid > 0 ? 1 : 0;
+}
