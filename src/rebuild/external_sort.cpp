@@ -113,6 +113,9 @@ int sortPDRListByPathname(const char* listFile, const char* sortedFile, char** e
     }
     StdioFile list(stream);
     std::setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
+    // A stream positioned once knows its offset from then on, so that
+    // asking it for the offset of every record costs no system call.
+    sysFseeko(stream, 0, SEEK_SET);
     cxiFopen(indexName, "w", &stream, inheritNone);
     if (stream == nullptr) {
         systemError("quenby: fopen tmp shadow file");

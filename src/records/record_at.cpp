@@ -6,14 +6,23 @@
 #include <climits>
 #include <cstring>
 
+namespace {
+constexpr size_t kFirstRead = 512;
+} // namespace
+
 int readRecordLineAt(int fd, offset_t offset, char** buf, int* size, size_t* len, offset_t* lineStart)
 {
     for (;;) {
         size_t have = 0;
+        // Most records are a few hundred bytes: read a little, more only
+        // when the line goes on.
+        size_t chunk = kFirstRead;
         for (;;) {
             char* line = *buf;
-            ssize_t got = sysPread(fd, line + have, static_cast<size_t>(*size - 1) - have,
+            size_t room = static_cast<size_t>(*size - 1) - have;
+            ssize_t got = sysPread(fd, line + have, room < chunk ? room : chunk,
                                    static_cast<off_t>(offset + static_cast<offset_t>(have)));
+            chunk *= 2;
             if (got < 0)
                 return -1;
             have += static_cast<size_t>(got);
