@@ -4,8 +4,9 @@
 
 bool shellSafe(const char* word)
 {
-    // Characters the shell interprets anywhere in a word, or at its start.
-    static const char special[] = " \t\n'\"$;&|<>()`\\*?[#~";
+    // Characters the shell interprets anywhere in a word, or at its start;
+    // braces because some shells expand them.
+    static const char special[] = " \t\n'\"$;&|<>(){}`\\*?[#~";
     if (*word == '\0')
         return false;
     for (const char* c = word; *c != '\0'; ++c)
