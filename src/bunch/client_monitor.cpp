@@ -25,26 +25,6 @@ bool startsWith(const char* text, const char* prefix)
     return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
 }
 
-// The pipe from the client; closing it returns the child's wait status.
-class ClientPipe {
-public:
-    explicit ClientPipe(FILE* pipe) : pipe_(pipe) {}
-    ClientPipe(const ClientPipe&) = delete;
-    ClientPipe& operator=(const ClientPipe&) = delete;
-    ~ClientPipe() { close(); }
-    FILE* get() const { return pipe_; }
-    int close()
-    {
-        if (pipe_ == nullptr)
-            return 0;
-        FILE* p = pipe_;
-        pipe_ = nullptr;
-        return sysPclose(p);
-    }
-
-private:
-    FILE* pipe_;
-};
 
 // Reads the next whole line of the client's output, line feed included, as
 // it arrives; false when the output has ended. A line longer than
@@ -187,7 +167,7 @@ int execAndMonitor(const char* command, FILE* shadow, const char* label, int suc
         std::fprintf(stderr, "quenby: execAndMonitor() %s command %s could not be run\n", label, command);
         return resultLine(0, 0, -1);
     }
-    ClientPipe client(pipe);
+    PipeStream client(pipe);
     Monitor monitor(shadow, label, successState, firstOffset, lastOffset);
 
     while (readClientLine(client.get(), buf)) {

@@ -60,26 +60,6 @@ void systemError(const char* prefix)
     std::fprintf(stderr, "%s: %s\n", prefix, std::strerror(errno));
 }
 
-// The command whose output is read; closing it gives its wait status.
-class CommandPipe {
-public:
-    explicit CommandPipe(FILE* pipe) : pipe_(pipe) {}
-    CommandPipe(const CommandPipe&) = delete;
-    CommandPipe& operator=(const CommandPipe&) = delete;
-    ~CommandPipe() { close(); }
-    FILE* get() const { return pipe_; }
-    int close()
-    {
-        if (pipe_ == nullptr)
-            return 0;
-        FILE* p = pipe_;
-        pipe_ = nullptr;
-        return sysPclose(p);
-    }
-
-private:
-    FILE* pipe_;
-};
 
 } // namespace
 
@@ -183,7 +163,7 @@ int validateQBSClient(const char* masterOptionFile, const char* nodeOptionFile, 
         std::fprintf(stderr, "quenby: validateQBSClient: %s command could not be run\n", command);
         return 102;
     }
-    CommandPipe output(pipe);
+    PipeStream output(pipe);
     // What the node file holds must be on disk before it is trusted.
     if (parseQBSOptions(output.get(), &node, nodeFile.get()) < 0 || sysFflush(nodeFile.get()) != 0) {
         std::fprintf(stderr, "quenby: validateQBSClient: could not write %s\n", nodeOptionFile);

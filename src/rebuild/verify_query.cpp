@@ -12,8 +12,7 @@
 namespace {
 
 constexpr int kQueryLineSize = 8192;
-constexpr size_t kStreamBufferSize = 1 << 20;
-
+inline constexpr char kCannotRead[] = "quenby:VERIFYSHADOW::1::could not open %s for read (error=%d)\n";
 struct FreeDeleter {
     void operator()(char* p) const { std::free(p); }
 };
@@ -201,18 +200,6 @@ int QueryWalk::queryTail()
     return 0;
 }
 
-int openInput(StdioFile& file, const char* path)
-{
-    FILE* stream = nullptr;
-    int err = cxiFopen(path, "r", &stream, inheritNone);
-    if (stream == nullptr) {
-        std::fprintf(stderr, "quenby:VERIFYSHADOW::1::could not open %s for read (error=%d)\n", path, err);
-        return -1;
-    }
-    std::setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
-    file = StdioFile(stream);
-    return 0;
-}
 
 } // namespace
 
@@ -227,7 +214,8 @@ int verifyQueryWalk(VerifyContext& v, const char* qbsQueryFile, const char* sort
         return rc;
     }
     StdioFile index, query;
-    if (openInput(index, sortedIndexName) != 0 || openInput(query, qbsQueryFile) != 0)
+    if (openSequential(index, sortedIndexName, "r", kCannotRead) != 0
+        || openSequential(query, qbsQueryFile, "r", kCannotRead) != 0)
         return -1;
     QueryWalk walk(v, index.get(), query.get());
     if (!walk.allocate()) {

@@ -15,8 +15,8 @@
 namespace {
 
 constexpr int kNameSize = 4096;
-constexpr size_t kStreamBufferSize = 1 << 20;
-constexpr int kShadowVersion = 1400;
+inline constexpr char kCannotRead[] = "quenby::VERIFYSHADOW::1::could not open %s for read (error=%d)\n";
+inline constexpr char kCannotWrite[] = "quenby::VERIFYSHADOW::1::could not open %s for write (error=%d)\n";constexpr int kShadowVersion = 1400;
 
 bool isNone(const char* name)
 {
@@ -294,19 +294,6 @@ void printSummary(const VerifyCounts& c, bool queryMode, const char* reportName)
     std::printf("verifyShadow done, see %s to track files that cannot pass verification\n", reportName);
 }
 
-int openFile(StdioFile& file, const char* path, const char* mode)
-{
-    FILE* stream = nullptr;
-    int err = cxiFopen(path, mode, &stream, inheritNone);
-    if (stream == nullptr) {
-        std::fprintf(stderr, "quenby::VERIFYSHADOW::1::could not open %s for %s (error=%d)\n", path,
-                     mode[0] == 'r' ? "read" : "write", err);
-        return -1;
-    }
-    std::setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
-    file = StdioFile(stream);
-    return 0;
-}
 
 // Header line 1 must carry format version 1400.
 int checkHeader(VerifyContext& v)
@@ -399,9 +386,9 @@ int verifyShadow(const char* shadowFile, const char* prepListFile, const char* o
             result = -1;
         if (result != 0) {
             std::fprintf(stderr, "quenby::VERIFYSHADOW::1::report file name too long: %s\n", outputFile);
-        } else if (openFile(v.shadow, shadowFile, "r") != 0
-                   || (!queryMode && openFile(prepList, prepListFile, "r") != 0)
-                   || openFile(v.report, reportName, "w") != 0 || checkHeader(v) != 0) {
+        } else if (openSequential(v.shadow, shadowFile, "r", kCannotRead) != 0
+                   || (!queryMode && openSequential(prepList, prepListFile, "r", kCannotRead) != 0)
+                   || openSequential(v.report, reportName, "w", kCannotWrite) != 0 || checkHeader(v) != 0) {
             result = -1;
         } else {
             if (queryMode) {

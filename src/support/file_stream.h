@@ -3,6 +3,7 @@
 // when it goes out of scope, so no way out of a sub-command leaks.
 #pragma once
 
+#include "support/file_open.h"
 #include "support/sys_call.h"
 
 #include <cstdio>
@@ -75,3 +76,42 @@ struct HeapBuf {
         return true;
     }
 };
+
+// The read end of a command started through the shell; closing it waits for
+// the command and returns its wait status.
+class PipeStream {
+public:
+    explicit PipeStream(FILE* pipe) : pipe_(pipe) {}
+    PipeStream(const PipeStream&) = delete;
+    PipeStream& operator=(const PipeStream&) = delete;
+    ~PipeStream() { close(); }
+
+    FILE* get() const { return pipe_; }
+    int close()
+    {
+        if (pipe_ == nullptr)
+            return 0;
+        return sysPclose(std::exchange(pipe_, nullptr));
+    }
+
+private:
+    FILE* pipe_;
+};
+
+constexpr size_t SEQUENTIAL_BUFFER_SIZE = 1 << 20;
+
+// Opens `path` (not inherited by children) with a large buffer for reading
+// or writing it from start to end. On failure prints `failFormat` with the
+// path and the open's error code, and returns -1.
+inline int openSequential(StdioFile& file, const char* path, const char* mode, const char* failFormat)
+{
+    FILE* stream = nullptr;
+    int err = cxiFopen(path, mode, &stream, inheritNone);
+    if (stream == nullptr) {
+        std::fprintf(stderr, failFormat, path != nullptr ? path : "(null)", err);
+        return -1;
+    }
+    std::setvbuf(stream, nullptr, _IOFBF, SEQUENTIAL_BUFFER_SIZE);
+    file = StdioFile(stream);
+    return 0;
+}

@@ -11,8 +11,8 @@
 
 namespace {
 
-constexpr size_t kStreamBufferSize = 1 << 20;
-
+inline constexpr char kCannotRead[] = "quenby::CLUSTERMIGDIFFERR::1::could not open %s for read (error=%d)\n";
+inline constexpr char kCannotWrite[] = "quenby::CLUSTERMIGDIFFERR::1::could not open %s for writing (error=%d)\n";
 // Every work-list line of this comparison carries offset 0: there is no
 // shadow database to point into.
 constexpr offset_t kNoOffset = 0;
@@ -142,19 +142,6 @@ int MigrationDiff::noMoreNew()
     return 0;
 }
 
-int openStream(StdioFile& file, const char* path, const char* mode)
-{
-    FILE* stream = nullptr;
-    int err = cxiFopen(path, mode, &stream, inheritNone);
-    if (stream == nullptr) {
-        std::fprintf(stderr, "quenby::CLUSTERMIGDIFFERR::1::could not open %s for %s (error=%d)\n",
-                     path != nullptr ? path : "(null)", mode[0] == 'r' ? "read" : "writing", err);
-        return -1;
-    }
-    std::setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
-    file = StdioFile(stream);
-    return 0;
-}
 
 } // namespace
 
@@ -170,8 +157,10 @@ int clusterMigDiff(const char* oldListFile, const char* newListFile, const char*
         if (!oldSide.rec.allocate() || !newSide.rec.allocate()) {
             std::fputs("quenby::CLUSTERMIGDIFFERR::1::failed to allocate memory\n", stderr);
             result = -1;
-        } else if (openStream(oldList, oldListFile, "r") != 0 || openStream(newList, newListFile, "r") != 0
-                   || openStream(changed, changedFile, "w") != 0 || openStream(expired, expiredFile, "w") != 0) {
+        } else if (openSequential(oldList, oldListFile, "r", kCannotRead) != 0
+                   || openSequential(newList, newListFile, "r", kCannotRead) != 0
+                   || openSequential(changed, changedFile, "w", kCannotWrite) != 0
+                   || openSequential(expired, expiredFile, "w", kCannotWrite) != 0) {
             result = -1;
         } else {
             MigrationDiff diff(oldList.get(), newList.get(), changed.get(), expired.get(), oldSide, newSide, counts);

@@ -19,7 +19,9 @@
 
 namespace {
 
-constexpr size_t kStreamBufferSize = 1 << 20;
+inline constexpr char kCannotRead[] = "quenby::UPDATESHADOWERR::1::could not open %s for read (error=%d)\n";
+inline constexpr char kCannotWrite[] = "quenby::UPDATESHADOWERR::1::could not open %s for writing (error=%d)\n";
+
 inline constexpr char kSnapshotPrefix[] = ".snapshots/.kestrelSnapshot";
 inline constexpr char kResident[] = "resdnt";
 inline constexpr char kMigrated[] = "migrat";
@@ -453,19 +455,6 @@ int ShadowMerge::expireRemainingSnapshots()
     return 0;
 }
 
-int openStream(StdioFile& file, const char* path, const char* mode, bool forWrite)
-{
-    FILE* stream = nullptr;
-    int err = cxiFopen(path, mode, &stream, inheritNone);
-    if (stream == nullptr) {
-        std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::could not open %s for %s (error=%d)\n", path,
-                     forWrite ? "writing" : "read", err);
-        return -1;
-    }
-    std::setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
-    file = StdioFile(stream);
-    return 0;
-}
 
 // An unused list is removed only when it is a regular file of its own: a
 // device such as /dev/null, or a name shared with another file of the run,
@@ -524,12 +513,12 @@ struct Run {
 int Run::openFiles()
 {
     bool scanFiles = listFile != nullptr && !settings.migrationExpiry;
-    if (openStream(files.oldShadow, oldShadowFile, "r", false) != 0)
+    if (openSequential(files.oldShadow, oldShadowFile, "r", kCannotRead) != 0)
         return -1;
     if (checkOutput(newShadowFile, oldShadowFile, listFile) != 0
-        || openStream(files.newShadow, newShadowFile, "w", true) != 0)
+        || openSequential(files.newShadow, newShadowFile, "w", kCannotWrite) != 0)
         return -1;
-    if (scanFiles && openStream(files.list, listFile, "r", false) != 0)
+    if (scanFiles && openSequential(files.list, listFile, "r", kCannotRead) != 0)
         return -1;
     struct Output {
         StdioFile& file;
@@ -545,7 +534,7 @@ int Run::openFiles()
     for (Output& out : outputs) {
         if (!out.open || out.path == nullptr)
             continue;
-        if (checkOutput(out.path, oldShadowFile, listFile) != 0 || openStream(out.file, out.path, out.mode, true) != 0)
+        if (checkOutput(out.path, oldShadowFile, listFile) != 0 || openSequential(out.file, out.path, out.mode, kCannotWrite) != 0)
             return -1;
     }
     return 0;
