@@ -190,7 +190,7 @@ int parseBackupRecords(const char* inList, const char* outChange, const char* ou
             list = &expireList;
         else if (std::strncmp(disposition, "ctimech", 7) == 0)
             list = &updateList;
-        if (list == nullptr || list->path == nullptr) {
+        if (list == nullptr) {
             std::fprintf(stderr, "quenby: cannot determine disposition for %s\n", disposition);
             continue;
         }
@@ -198,7 +198,7 @@ int parseBackupRecords(const char* inList, const char* outChange, const char* ou
             FILE* out = nullptr;
             cxiFopen(list->path, "w", &out, inheritNone);
             if (out == nullptr) {
-                std::fprintf(stderr, list->openMessage, list->path);
+                std::fprintf(stderr, list->openMessage, orNull(list->path));
                 result = list->openFailure;
                 break;
             }

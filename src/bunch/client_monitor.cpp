@@ -151,12 +151,12 @@ int execAndMonitor(const char* command, FILE* shadow, const char* label, int suc
         return status;
     };
     if (command == nullptr) {
-        std::fputs("quenby:execAndMonitor() null exec cmd\n", stderr);
+        std::fputs("quenby:execAndMonitor() null exec cmd\n", stdout);
         return resultLine(0, 0, -1);
     }
     HeapBuf buf;
     if (!buf.allocate(kClientLineSize)) {
-        std::fputs("quenby:execAndMonitor() error allocating buffer1\n", stderr);
+        std::fputs("quenby:execAndMonitor() error allocating buffer1\n", stdout);
         return resultLine(0, 0, -1);
     }
     // What was printed before must not be repeated by a child's copy.
@@ -164,7 +164,7 @@ int execAndMonitor(const char* command, FILE* shadow, const char* label, int suc
     std::fflush(stderr);
     FILE* pipe = sysPopen(command, "r");
     if (pipe == nullptr) {
-        std::fprintf(stderr, "quenby: execAndMonitor() %s command %s could not be run\n", label, command);
+        std::printf("quenby: execAndMonitor() %s command %s could not be run\n", label, command);
         return resultLine(0, 0, -1);
     }
     PipeStream client(pipe);

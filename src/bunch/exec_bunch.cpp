@@ -10,6 +10,7 @@
 #include "support/file_stream.h"
 #include "support/sys_call.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -146,7 +147,8 @@ int runBunch(const char* inList, const char* outChange, const char* outExpire, c
         quenbyCheck(firstOffset > 0, "firstOffset > 0");
         quenbyCheck(expireOldFormat == 0, "expireOldFormat == 0");
         if (lastOffset == firstOffset)
-            lastOffset = firstOffset + kSingleRecordLockBytes;
+            lastOffset = firstOffset > INT64_MAX - kSingleRecordLockBytes ? INT64_MAX
+                                                                          : firstOffset + kSingleRecordLockBytes;
         if (int rc = lock.acquire(fileno(shadow.get()), firstOffset, lastOffset)) {
             std::fputs("quenby: execBunch() shadow DB lock failed.\n", stdout);
             return rc;

@@ -238,6 +238,12 @@ def driver_cases():
              stderr=re.compile(r"quenby:execBunch\(\) consistency check failed: \S.*\n"), status=240)
         for what, offset, path in (("an empty path", BASE.at(A), ""), ("an offset of 0", 0, "/fs/a"))
     ] + [
+        # The lock range of a single record must not overflow past the top offset.
+        case("a single record at the highest offset is no crash", "::EXECANDMONITOR::1::0::0::\n",
+             env=dict(cmds(backup={}), KESTREL_LOCK_SHADOW="1"), files={"bunch": bline("updated", 2**63 - 1, "/fs/a")},
+             expect={"chg": '"/fs/a"\n', "exp": None, "upd": None},
+             stderr="updateShadowPDR() read2 failed code -1\n")
+    ] + [
         case("the lock covers the bunch's range, a single record 64 bytes: " + letters, R(n, 0), letters, done,
              dict(cmds(backup={}), KESTREL_LOCK_SHADOW="1", DEBUGquenby="2"),
              stderr=re.compile(r"(?ms).*^quenby: acquired shadowDB lock \[0x%x\] to \[0x%x\] db\n"

@@ -79,9 +79,9 @@ TEST(ClientMonitor, ReportedFilesReachTheirRecords)
         {"exit code", "exit 4",
          "quenby: execAndMonitor() backup command close returned 1024\n::EXECANDMONITOR::0::0::1024::\n", "bbe0", "",
          false, false, 0, 1024},
-        {"cannot start", "true", failed, "bbe0", "quenby: execAndMonitor() backup command true could not be run\n",
-         false, false, 0, -1, SysCall::popen},
-        {"no command", "", failed, "bbe0", "quenby:execAndMonitor() null exec cmd\n", false, false, 0, -1},
+        {"cannot start", "true", "quenby: execAndMonitor() backup command true could not be run\n" + failed, "bbe0",
+         "", false, false, 0, -1, SysCall::popen},
+        {"no command", "", "quenby:execAndMonitor() null exec cmd\n" + failed, "bbe0", "", false, false, 0, -1},
     };
     ASSERT_TRUE(allocUpdateBuffers());
     for (const Case& c : cases) {
