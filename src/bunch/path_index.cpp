@@ -180,6 +180,76 @@ char* pnb_storePath(char* path)
     return copy;
 }
 
+namespace {
+
+// Beside the slots, two structures give every answer of linear probing
+// without walking its runs, which grow long in a nearly full table:
+// - freeNext: a disjoint-set forest whose roots are the free slots; the root
+//   reached from a slot is the first free slot at or after it, cyclically,
+//   which is where linear probing inserts;
+// - hash buckets chaining the occupied slots by their path's hash, in the
+//   order of insertion. Slots are never emptied, so the first slot of a
+//   chain that holds the path is the one linear probing meets first.
+constexpr uint32_t kNoSlot = UINT32_MAX;
+uint32_t* freeNext = nullptr;
+uint32_t* chainNext = nullptr;
+uint32_t* bucketHead = nullptr;
+uint32_t* bucketTail = nullptr;
+uint32_t bucketMask = 0;
+uint32_t slotsUsed = 0;
+
+void freeProbeHelpers()
+{
+    for (uint32_t** p : {&freeNext, &chainNext, &bucketHead, &bucketTail}) {
+        std::free(*p);
+        *p = nullptr;
+    }
+    bucketMask = 0;
+    slotsUsed = 0;
+}
+
+bool allocateSlots()
+{
+    uint32_t buckets = 1;
+    while (buckets < gsiCount && buckets < (1u << 31))
+        buckets <<= 1;
+    gsiHashP = static_cast<gsiSlot_t*>(std::calloc(gsiCount, sizeof(gsiSlot_t)));
+    freeNext = static_cast<uint32_t*>(std::malloc(sizeof(uint32_t) * gsiCount));
+    chainNext = static_cast<uint32_t*>(std::malloc(sizeof(uint32_t) * gsiCount));
+    bucketHead = static_cast<uint32_t*>(std::malloc(sizeof(uint32_t) * buckets));
+    bucketTail = static_cast<uint32_t*>(std::malloc(sizeof(uint32_t) * buckets));
+    if (gsiHashP == nullptr || freeNext == nullptr || chainNext == nullptr || bucketHead == nullptr
+        || bucketTail == nullptr) {
+        std::free(gsiHashP);
+        gsiHashP = nullptr;
+        freeProbeHelpers();
+        return false;
+    }
+    for (uint32_t s = 0; s < gsiCount; ++s)
+        freeNext[s] = s;
+    for (uint32_t b = 0; b < buckets; ++b)
+        bucketHead[b] = bucketTail[b] = kNoSlot;
+    bucketMask = buckets - 1;
+    slotsUsed = 0;
+    return true;
+}
+
+// The first free slot at or after `h`, cyclically; the table is not full.
+uint32_t firstFreeFrom(uint32_t h)
+{
+    uint32_t root = h;
+    while (freeNext[root] != root)
+        root = freeNext[root];
+    for (uint32_t s = h; freeNext[s] != root;) {
+        uint32_t next = freeNext[s];
+        freeNext[s] = root;
+        s = next;
+    }
+    return root;
+}
+
+} // namespace
+
 int gsi_addIndex(char* pathP, offset_t index)
 {
     if (quenby_debug > 0)
@@ -187,28 +257,27 @@ int gsi_addIndex(char* pathP, offset_t index)
                      static_cast<unsigned long long>(index));
     quenbyCheck(pathP != nullptr, "pathP != __null");
     quenbyCheck(index != 0, "index != 0");
-    if (gsiHashP == nullptr) {
-        if (gsiCount == 0)
-            return -1;
-        gsiHashP = static_cast<gsiSlot_t*>(std::calloc(gsiCount, sizeof(gsiSlot_t)));
-        if (gsiHashP == nullptr)
-            return -1;
-    }
-    uint32_t hash = gsimu.universalHash(pathP, static_cast<uint32_t>(std::strlen(pathP)));
-    uint32_t h = hash % gsiCount;
-    uint32_t s = h;
-    do {
-        if (gsiHashP[s].index == 0) {
-            gsiHashP[s].index = index;
-            gsiHashP[s].pathP = pathP;
-            gsiHashP[s].hash = hash;
-            if (quenby_debug > 2)
-                std::fprintf(stderr, "quenby: gsi_addIndex()->0x%llx\n", static_cast<unsigned long long>(s));
-            return static_cast<int>(s);
-        }
-        s = s + 1 == gsiCount ? 0 : s + 1;
-    } while (s != h);
-    return -1;
+    if (gsiHashP == nullptr && (gsiCount == 0 || !allocateSlots()))
+        return -1;
+    if (slotsUsed == gsiCount)
+        return -1;
+    const uint32_t hash = gsimu.universalHash(pathP, static_cast<uint32_t>(std::strlen(pathP)));
+    const uint32_t s = firstFreeFrom(hash % gsiCount);
+    gsiHashP[s].index = index;
+    gsiHashP[s].pathP = pathP;
+    gsiHashP[s].hash = hash;
+    freeNext[s] = s + 1 == gsiCount ? 0 : s + 1;
+    ++slotsUsed;
+    const uint32_t b = hash & bucketMask;
+    chainNext[s] = kNoSlot;
+    if (bucketTail[b] == kNoSlot)
+        bucketHead[b] = s;
+    else
+        chainNext[bucketTail[b]] = s;
+    bucketTail[b] = s;
+    if (quenby_debug > 2)
+        std::fprintf(stderr, "quenby: gsi_addIndex()->0x%llx\n", static_cast<unsigned long long>(s));
+    return static_cast<int>(s);
 }
 
 int gsi_insert(char* path, offset_t index)
@@ -238,33 +307,25 @@ offset_t gsi_findIndex(const char* pathP, uint32_t* slotOut)
     if (gsiHashP != nullptr) {
         const uint32_t hash = gsimu.universalHash(pathP, static_cast<uint32_t>(std::strlen(pathP)));
         const uint32_t h = hash % gsiCount;
-        auto matches = [&](const gsiSlot_t& slot) {
-            return slot.hash == hash && std::strcmp(slot.pathP, pathP) == 0;
-        };
         if (quenby_debug > 2)
             std::fprintf(stderr, "quenby:gsi_findIndex: looking for [%s] at %d\n", pathP, static_cast<int>(h));
-        if (gsiHashP[h].index != 0 && matches(gsiHashP[h])) {
-            result = gsiHashP[h].index;
-            slot = h;
-        } else {
-            if (quenby_debug > 2)
-                std::fputs("quenby:gsi_findIndex: looking further\n", stderr);
-            for (uint32_t s = h + 1 == gsiCount ? 0 : h + 1;; s = s + 1 == gsiCount ? 0 : s + 1) {
-                if (s == h) {
-                    if (quenby_debug > 2)
-                        std::fprintf(stderr, "quenby:gsi_findIndex: wrapped back to hval %d\n", static_cast<int>(h));
-                    break;
-                }
-                if (gsiHashP[s].index == 0)
-                    break;
-                if (matches(gsiHashP[s])) {
-                    if (quenby_debug > 2)
-                        std::fprintf(stderr, "quenby:gsi_findIndex: found match at %d\n", static_cast<int>(s));
-                    result = gsiHashP[s].index;
-                    slot = s;
-                    break;
-                }
+        uint32_t found = kNoSlot;
+        for (uint32_t s = bucketHead[hash & bucketMask]; s != kNoSlot; s = chainNext[s]) {
+            if (gsiHashP[s].hash == hash && std::strcmp(gsiHashP[s].pathP, pathP) == 0) {
+                found = s;
+                break;
             }
+        }
+        if (found != kNoSlot) {
+            result = gsiHashP[found].index;
+            slot = found;
+        }
+        if (found != h && quenby_debug > 2) {
+            std::fputs("quenby:gsi_findIndex: looking further\n", stderr);
+            if (found != kNoSlot)
+                std::fprintf(stderr, "quenby:gsi_findIndex: found match at %d\n", static_cast<int>(found));
+            else if (slotsUsed == gsiCount)
+                std::fprintf(stderr, "quenby:gsi_findIndex: wrapped back to hval %d\n", static_cast<int>(h));
         }
     }
     if (quenby_debug > 2)
@@ -287,4 +348,5 @@ void pathIndexReset()
     std::free(gsiHashP);
     gsiHashP = nullptr;
     gsiCount = 0;
+    freeProbeHelpers();
 }
