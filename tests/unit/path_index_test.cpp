@@ -6,6 +6,8 @@
 #include "test_util.h"
 
 #include <cstring>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -110,6 +112,53 @@ TEST_F(PathIndex, StoreCutsTheLineFeedPacksBlocksAndRefusesBadPaths)
     EXPECT_THROW(store(std::string(PNB_BLOCK_SIZE, 'x')), ConsistencyError);
     EXPECT_THROW(gsi_addIndex(store("z"), 0), ConsistencyError);
     EXPECT_THROW(gsi_findIndex(nullptr, nullptr), ConsistencyError);
+}
+
+} // namespace
+
+namespace {
+
+// Slots and answers are those of plain linear probing, in a table filled to
+// the last slot with duplicates and colliding paths among the inserts.
+TEST_F(PathIndex, AgreesWithLinearProbingUpToAFullTable)
+{
+    struct Model {
+        offset_t index = 0;
+        std::string path;
+    };
+    std::vector<Model> model(gsiCount);
+    auto probe = [&](const std::string& path) -> std::pair<offset_t, uint32_t> {
+        uint32_t h = gsimu.universalHash(path.data(), static_cast<uint32_t>(path.size())) % gsiCount;
+        for (uint32_t i = 0, s = h; i < gsiCount; ++i, s = (s + 1) % gsiCount) {
+            if (model[s].index == 0)
+                return {0, 0};
+            if (model[s].path == path)
+                return {model[s].index, s};
+        }
+        return {0, 0};
+    };
+    uint32_t seed = 7;
+    auto next = [&]() { return seed = seed * 1103515245u + 12345u; };
+    for (int i = 1; i <= static_cast<int>(gsiCount); ++i) {
+        std::string path = numbered("p", static_cast<int>(next() % 60));
+        uint32_t h = gsimu.universalHash(path.data(), static_cast<uint32_t>(path.size())) % gsiCount;
+        uint32_t expected = h;
+        while (model[expected].index != 0)
+            expected = (expected + 1) % gsiCount;
+        ASSERT_EQ(gsi_addIndex(store(path), i), static_cast<int>(expected)) << path;
+        model[expected] = {i, path};
+        for (int q = 0; q < 70; ++q) {
+            std::string look = numbered("p", q);
+            uint32_t slot = 12345;
+            offset_t got = gsi_findIndex(look.c_str(), &slot);
+            auto [want, wantSlot] = probe(look);
+            ASSERT_EQ(got, want) << look << " after " << i << " inserts";
+            if (want != 0) {
+                ASSERT_EQ(slot, wantSlot) << look;
+            }
+        }
+    }
+    EXPECT_EQ(gsi_addIndex(store("one more"), 999), -1);
 }
 
 } // namespace
