@@ -43,9 +43,63 @@ long long absLength(int length)
 
 } // namespace
 
+namespace {
+
+// One plain hexadecimal field of at most 16 digits, no sign, no "0x", and
+// the ':' after it: what every record written by a scan holds. Anything
+// else is left to the full conversion.
+inline bool plainHexField(const char*& p, uint64_t& value)
+{
+    const char* start = p;
+    if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X'))
+        return false;
+    uint64_t v = 0;
+    int d;
+    while ((d = scanf_detail::digits.value[static_cast<unsigned char>(*p)]) >= 0) {
+        v = v << 4 | static_cast<unsigned>(d);
+        ++p;
+    }
+    if (p == start || p - start > 16 || *p != ':')
+        return false;
+    value = v;
+    ++p;
+    return true;
+}
+
+// The whole head in its plain form; false when the line needs the full
+// conversion (which gives the same values for every line accepted here).
+bool plainRecordHead(const char* text, uint64_t* ino, uint64_t* gen, unsigned int* flag, int* pathLen,
+                     const char** end)
+{
+    const char* p = text;
+    uint64_t field[8];
+    for (uint64_t& f : field)
+        if (!plainHexField(p, f))
+            return false;
+    bool negative = *p == '-';
+    const char* digitsStart = negative ? p + 1 : p;
+    const char* q = digitsStart;
+    int length = 0;
+    while (*q >= '0' && *q <= '9' && q - digitsStart < 9)
+        length = length * 10 + (*q++ - '0');
+    if (q == digitsStart || (*q >= '0' && *q <= '9'))
+        return false;
+    *ino = field[2];
+    *gen = field[3];
+    *flag = static_cast<unsigned int>(field[7]);
+    *pathLen = negative ? -length : length;
+    if (end != nullptr)
+        *end = q;
+    return true;
+}
+
+} // namespace
+
 int scanRecordHead(const char* text, uint64_t* ino, uint64_t* gen, unsigned int* flag, int* pathLen,
                    const char** end)
 {
+    if (plainRecordHead(text, ino, gen, flag, pathLen, end))
+        return 4;
     ScanfCursor in(text);
     struct EndGuard {
         ScanfCursor& in;
