@@ -138,6 +138,40 @@ void Monitor::arrowReport(char* text)
 
 } // namespace
 
+void monitorClientOutput(FILE* output, FILE* shadow, const char* label, int successState, offset_t firstOffset,
+                         offset_t lastOffset, HeapBuf& buf, MonitorCounts& counts)
+{
+    Monitor monitor(shadow, label, successState, firstOffset, lastOffset);
+    while (readClientLine(output, buf)) {
+        if (quenby_debug > 3)
+            std::fprintf(stderr, "quenby:QBS:%s", buf.ptr);
+        if (!startsWith(buf.ptr, kSummaryStart)) {
+            monitor.line(buf.ptr);
+            continue;
+        }
+        // A summary block goes to the driver as it stands; its last line
+        // may still report a file.
+        std::fputs(buf.ptr, stdout);
+        bool ended = false;
+        for (int left = kSummaryLines - 1; left > 0; --left) {
+            if (!readClientLine(output, buf)) {
+                ended = true;
+                break;
+            }
+            if (quenby_debug > 3)
+                std::fprintf(stderr, "quenby:QBS:%s", buf.ptr);
+            std::fputs(buf.ptr, stdout);
+            if (startsWith(buf.ptr, kSummaryEncrypted))
+                ++left;
+        }
+        if (ended)
+            break;
+        monitor.arrowReport(buf.ptr);
+    }
+    counts.updated = monitor.updated;
+    counts.failed = monitor.failed;
+}
+
 int execAndMonitor(const char* command, FILE* shadow, const char* label, int successState, offset_t firstOffset,
                    offset_t lastOffset)
 {
@@ -168,37 +202,11 @@ int execAndMonitor(const char* command, FILE* shadow, const char* label, int suc
         return resultLine(0, 0, -1);
     }
     PipeStream client(pipe);
-    Monitor monitor(shadow, label, successState, firstOffset, lastOffset);
-
-    while (readClientLine(client.get(), buf)) {
-        if (quenby_debug > 3)
-            std::fprintf(stderr, "quenby:QBS:%s", buf.ptr);
-        if (!startsWith(buf.ptr, kSummaryStart)) {
-            monitor.line(buf.ptr);
-            continue;
-        }
-        // A summary block goes to the driver as it stands; its last line
-        // may still report a file.
-        std::fputs(buf.ptr, stdout);
-        bool ended = false;
-        for (int left = kSummaryLines - 1; left > 0; --left) {
-            if (!readClientLine(client.get(), buf)) {
-                ended = true;
-                break;
-            }
-            if (quenby_debug > 3)
-                std::fprintf(stderr, "quenby:QBS:%s", buf.ptr);
-            std::fputs(buf.ptr, stdout);
-            if (startsWith(buf.ptr, kSummaryEncrypted))
-                ++left;
-        }
-        if (ended)
-            break;
-        monitor.arrowReport(buf.ptr);
-    }
+    MonitorCounts counts;
+    monitorClientOutput(client.get(), shadow, label, successState, firstOffset, lastOffset, buf, counts);
 
     int status = client.close();
     if (status != 0)
         std::printf("quenby: execAndMonitor() %s command close returned %d\n", label, status);
-    return resultLine(monitor.updated, monitor.failed, status);
+    return resultLine(counts.updated, counts.failed, status);
 }

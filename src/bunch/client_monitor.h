@@ -3,6 +3,7 @@
 #pragma once
 
 #include "records/policy_record.h"
+#include "support/file_stream.h"
 
 #include <cstdio>
 
@@ -11,3 +12,13 @@
 // command's wait status, or -1 when it could not be started.
 int execAndMonitor(const char* command, FILE* shadow, const char* label, int successState, offset_t firstOffset,
                    offset_t lastOffset);
+
+struct MonitorCounts {
+    int updated = 0;
+    int failed = 0;
+};
+
+// Reads the client's output from `output` to its end, line by line, and
+// acts on every recognised line; `buf` is the caller's line buffer.
+void monitorClientOutput(FILE* output, FILE* shadow, const char* label, int successState, offset_t firstOffset,
+                         offset_t lastOffset, HeapBuf& buf, MonitorCounts& counts);
