@@ -1,6 +1,7 @@
 #!/bin/sh
 # Builds and runs the whole test suite twice: the release build, then the
-# address + undefined-behaviour sanitizer build.
+# address + undefined-behaviour sanitizer build; after the release build,
+# the install and Debian package check.
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -25,4 +26,7 @@ for preset in release sanitize; do
     cmake --preset "$preset" >/dev/null
     cmake --build --preset "$preset" -j "$jobs"
     ctest --preset "$preset" -j "$jobs"
+    if [ "$preset" = release ]; then
+        tests/install_check.sh build/release
+    fi
 done

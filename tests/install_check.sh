@@ -1,0 +1,67 @@
+#!/bin/sh
+# Installs a configured and built tree into a scratch prefix and runs the
+# installed program from there; then makes the Debian package with cpack and
+# checks what it holds. Everything it writes goes to one scratch directory,
+# removed at the end.
+#
+#   tests/install_check.sh [BUILD_DIR]     (default: the release build)
+set -eu
+
+fail() {
+    echo "install check: $*" >&2
+    exit 1
+}
+
+here=$(cd "$(dirname "$0")/.." && pwd)
+build=${1:-$here/build/release}
+[ -d "$build" ] || fail "no build directory $build"
+build=$(cd "$build" && pwd)
+
+[ -x "$build/quenby" ] || fail "no quenby in $build (build it first)"
+
+scratch=$(mktemp -d "${TMPDIR:-/tmp}/quenby-install.XXXXXX")
+# cmake --install writes its list of installed files into the build tree.
+manifest=$build/install_manifest.txt
+had_manifest=no
+[ -e "$manifest" ] && had_manifest=yes
+cleanup() {
+    rm -rf "$scratch"
+    [ "$had_manifest" = yes ] || rm -f "$manifest"
+}
+trap cleanup EXIT
+trap 'exit 1' HUP INT TERM
+
+# 1. cmake --install into a scratch prefix.
+prefix=$scratch/prefix
+cmake --install "$build" --prefix "$prefix" > "$scratch/install.log" 2>&1 \
+    || { cat "$scratch/install.log" >&2; fail "cmake --install failed"; }
+
+[ -x "$prefix/bin/quenby" ] || fail "$prefix/bin/quenby is not installed"
+out=$(cd "$scratch" && "$prefix/bin/quenby" version) \
+    || fail "the installed quenby version exited with $?"
+[ "$out" = "quenby version:3" ] || fail "the installed quenby version printed [$out]"
+
+man=$prefix/share/man/man1/quenby.1
+[ -f "$man" ] || fail "$man is not installed"
+cmp -s "$man" "$here/docs/quenby.1" || fail "$man differs from docs/quenby.1"
+echo "install check: cmake --install: bin/quenby and share/man/man1/quenby.1 ok"
+
+# 2. cpack -G DEB into a scratch output directory.
+if ! command -v dpkg-deb > /dev/null 2>&1; then
+    echo "install check: dpkg-deb is not installed: Debian package check skipped"
+    exit 0
+fi
+(cd "$build" && cpack -G DEB -B "$scratch/package") > "$scratch/cpack.log" 2>&1 \
+    || { cat "$scratch/cpack.log" >&2; fail "cpack -G DEB failed"; }
+set -- "$scratch"/package/*.deb
+[ $# -eq 1 ] && [ -f "$1" ] || fail "cpack made no single .deb: $*"
+deb=$1
+
+dpkg-deb -c "$deb" > "$scratch/contents" || fail "dpkg-deb -c $deb failed"
+for path in ./usr/bin/quenby ./usr/share/man/man1/quenby.1; do
+    grep -q " $path\$" "$scratch/contents" \
+        || { cat "$scratch/contents" >&2; fail "the package lacks $path"; }
+done
+[ "$(dpkg-deb -f "$deb" Package)" = quenby ] || fail "the package is not named quenby"
+[ "$(dpkg-deb -f "$deb" Version)" = 3 ] || fail "the package version is not 3"
+echo "install check: cpack: $(basename "$deb") holds ./usr/bin/quenby and ./usr/share/man/man1/quenby.1"
