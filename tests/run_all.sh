@@ -30,3 +30,6 @@ for preset in release sanitize; do
         tests/install_check.sh build/release
     fi
 done
+
+# A short fuzz run of every parser of untrusted input (clang only).
+tests/fuzz_run.sh 10
