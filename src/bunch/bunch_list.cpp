@@ -114,7 +114,7 @@ int parseBackupRecords(const char* inList, const char* outChange, const char* ou
         return -1;
     }
     StdioFile in(inStream);
-    std::setvbuf(inStream, nullptr, _IOFBF, kListBufferSize);
+    in.setBuffer(kListBufferSize);
 
     *lowIdx = 0;
     *hiIdx = 0;
@@ -202,8 +202,8 @@ int parseBackupRecords(const char* inList, const char* outChange, const char* ou
                 result = list->openFailure;
                 break;
             }
-            std::setvbuf(out, nullptr, _IOFBF, kListBufferSize);
             list->file = StdioFile(out);
+            list->file.setBuffer(kListBufferSize);
         }
         size_t pathLen = std::strlen(path);
         bool written = (!quotes || sysFwrite("\"", 1, list->file.get()) == 1)

@@ -112,7 +112,7 @@ int sortPDRListByPathname(const char* listFile, const char* sortedFile, char** e
         return -1;
     }
     StdioFile list(stream);
-    std::setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
+    list.setBuffer(kStreamBufferSize);
     // A stream positioned once knows its offset from then on, so that
     // asking it for the offset of every record costs no system call.
     sysFseeko(stream, 0, SEEK_SET);
@@ -123,7 +123,7 @@ int sortPDRListByPathname(const char* listFile, const char* sortedFile, char** e
         return -1;
     }
     StdioFile index(stream);
-    std::setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
+    index.setBuffer(kStreamBufferSize);
 
     bool first = true;
     for (;;) {

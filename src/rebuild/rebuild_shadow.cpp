@@ -306,9 +306,9 @@ int openInput(StdioFile& file, const char* path, const char* prefix, size_t buff
         std::fprintf(stderr, "quenby: rebuildShadow: could not open %s\n", path);
         return -1;
     }
-    if (buffer != 0)
-        std::setvbuf(stream, nullptr, _IOFBF, buffer);
     file = StdioFile(stream);
+    if (buffer != 0)
+        file.setBuffer(buffer);
     return 0;
 }
 
@@ -353,8 +353,8 @@ int rebuildShadow(const char* qbsFile, const char* fsListFile, const char* outSh
                 std::fprintf(stderr, "quenby: rebuildShadow: could not open %s\n", outShadow);
                 result = -4;
             } else {
-                std::setvbuf(stream, nullptr, _IOFBF, kStreamBufferSize);
                 files.out = StdioFile(stream);
+                files.out.setBuffer(kStreamBufferSize);
                 result = rebuild.walk();
             }
         }

@@ -16,12 +16,16 @@ public:
     explicit StdioFile(FILE* stream) : stream_(stream) {}
     StdioFile(const StdioFile&) = delete;
     StdioFile& operator=(const StdioFile&) = delete;
-    StdioFile(StdioFile&& other) noexcept : stream_(std::exchange(other.stream_, nullptr)) {}
+    StdioFile(StdioFile&& other) noexcept
+        : stream_(std::exchange(other.stream_, nullptr)), buffer_(std::exchange(other.buffer_, nullptr))
+    {
+    }
     StdioFile& operator=(StdioFile&& other) noexcept
     {
         if (this != &other) {
             close();
             stream_ = std::exchange(other.stream_, nullptr);
+            buffer_ = std::exchange(other.buffer_, nullptr);
         }
         return *this;
     }
@@ -36,11 +40,31 @@ public:
     {
         if (stream_ == nullptr)
             return 0;
-        return sysFclose(std::exchange(stream_, nullptr));
+        int rc = sysFclose(std::exchange(stream_, nullptr));
+        std::free(std::exchange(buffer_, nullptr));
+        return rc;
+    }
+
+    // Gives the open stream a buffer of `size` bytes. stdio ignores a size
+    // without a buffer, so the buffer is ours, freed after the close. On
+    // failure the stream keeps its own.
+    void setBuffer(size_t size)
+    {
+        if (stream_ == nullptr || buffer_ != nullptr)
+            return;
+        char* buffer = static_cast<char*>(std::malloc(size));
+        if (buffer == nullptr)
+            return;
+        if (std::setvbuf(stream_, buffer, _IOFBF, size) != 0) {
+            std::free(buffer);
+            return;
+        }
+        buffer_ = buffer;
     }
 
 private:
     FILE* stream_ = nullptr;
+    char* buffer_ = nullptr;
 };
 
 // A malloc'd buffer with its size as an int, the shape the record readers
@@ -111,7 +135,7 @@ inline int openSequential(StdioFile& file, const char* path, const char* mode, c
         std::fprintf(stderr, failFormat, path != nullptr ? path : "(null)", err);
         return -1;
     }
-    std::setvbuf(stream, nullptr, _IOFBF, SEQUENTIAL_BUFFER_SIZE);
     file = StdioFile(stream);
+    file.setBuffer(SEQUENTIAL_BUFFER_SIZE);
     return 0;
 }
