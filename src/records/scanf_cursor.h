@@ -47,12 +47,8 @@ public:
     // scan stops here.
     __attribute__((always_inline)) bool number(int width, bool hex)
     {
-        if (failed_)
+        if (!startConversion())
             return false;
-        while (cSpace(static_cast<unsigned char>(*p_)))
-            ++p_;
-        if (*p_ == '\0')
-            return stop(true);
         neg_ = false;
         mag_ = 0;
         overflow_ = false;
@@ -138,12 +134,8 @@ public:
     // to the next white space into `out` (maxLen + 1 bytes).
     bool word(int maxLen, char* out)
     {
-        if (failed_)
+        if (!startConversion())
             return false;
-        while (cSpace(static_cast<unsigned char>(*p_)))
-            ++p_;
-        if (*p_ == '\0')
-            return stop(true);
         int n = 0;
         while (n < maxLen && *p_ != '\0' && !cSpace(static_cast<unsigned char>(*p_)))
             out[n++] = *p_++;
@@ -164,6 +156,17 @@ public:
     }
 
 private:
+    // Skips the white space before a conversion; false when the scan has
+    // stopped or the input ran out.
+    bool startConversion()
+    {
+        if (failed_)
+            return false;
+        while (cSpace(static_cast<unsigned char>(*p_)))
+            ++p_;
+        return *p_ != '\0' || stop(true);
+    }
+
     bool stop(bool inputFailure)
     {
         failed_ = true;

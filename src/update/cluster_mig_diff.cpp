@@ -167,20 +167,8 @@ int clusterMigDiff(const char* oldListFile, const char* newListFile, const char*
             result = diff.run();
         }
     }
-    const char* names[] = {oldListFile, newListFile, changedFile, expiredFile};
-    StdioFile* files[] = {&oldList, &newList, &changed, &expired};
-    for (int i = 0; i < 4; ++i) {
-        if (files[i]->close() != 0) {
-            std::fprintf(stderr, "quenby::CLUSTERMIGDIFFERR::1::close of %s failed (error=%d)\n", names[i],
-                         cxiErrnoChecked());
-            --result;
-        }
-    }
-    if (result == 0)
-        std::printf("::CLUSTERMIGDIFF::0::%d::%d::%d::\n", counts.changed, counts.expired, counts.unsupported);
-    else
-        std::printf("quenby::CLUSTERMIGDIFFERR::%d::%d::%d::%d::\n", result, counts.changed, counts.expired,
-                    counts.unsupported);
-    std::fflush(stdout);
-    return result;
+    result = closeMergeFiles(result, "CLUSTERMIGDIFF",
+                             {{&oldList, oldListFile}, {&newList, newListFile}, {&changed, changedFile},
+                              {&expired, expiredFile}});
+    return printMergeResult("CLUSTERMIGDIFF", result, counts);
 }

@@ -2,6 +2,7 @@
 
 #include "cli/dispatch.h"
 #include "records/record_edit.h"
+#include "support/file_open.h"
 
 #include <cstring>
 
@@ -91,4 +92,27 @@ bool RecordMerge::sameRecord() const
     return o.lineLength == n.lineLength && std::memcmp(o.line.ptr, n.line.ptr, o.lineLength) == 0
            && std::strcmp(o.filesetName, n.filesetName) == 0 && o.hsmState != nullptr && n.hsmState != nullptr
            && std::strcmp(o.hsmState, n.hsmState) == 0;
+}
+
+int closeMergeFiles(int result, const char* word, std::initializer_list<std::pair<StdioFile*, const char*>> files)
+{
+    for (const auto& [file, name] : files) {
+        if (file->close() != 0) {
+            std::fprintf(stderr, "quenby::%sERR::1::close of %s failed (error=%d)\n", word,
+                         name != nullptr ? name : "(null)", cxiErrnoChecked());
+            --result;
+        }
+    }
+    return result;
+}
+
+int printMergeResult(const char* word, int result, const MergeCounts& counts)
+{
+    if (result == 0)
+        std::printf("::%s::0::%d::%d::%d::\n", word, counts.changed, counts.expired, counts.unsupported);
+    else
+        std::printf("quenby::%sERR::%d::%d::%d::%d::\n", word, result, counts.changed, counts.expired,
+                    counts.unsupported);
+    std::fflush(stdout);
+    return result;
 }

@@ -5,6 +5,10 @@
 #pragma once
 
 #include "records/policy_record.h"
+#include "support/file_stream.h"
+
+#include <initializer_list>
+#include <utility>
 
 #include <cstdint>
 #include <cstdio>
@@ -75,3 +79,12 @@ protected:
     MergeSide& new_;
     MergeCounts& counts_;
 };
+
+// Closes the run's files; each failing close prints which file lost its
+// last writes ("quenby::<word>ERR::1::close of ...") and lowers the result
+// by one.
+int closeMergeFiles(int result, const char* word, std::initializer_list<std::pair<StdioFile*, const char*>> files);
+
+// The run's one result line: "::<word>::0::c::e::u::" or
+// "quenby::<word>ERR::<result>::c::e::u::". Returns the result.
+int printMergeResult(const char* word, int result, const MergeCounts& counts);

@@ -75,19 +75,13 @@ struct Files {
     StdioFile unsupported;
     StdioFile hsmMig;
 
-    // Closes every open file; each failing close lowers the result by one
-    // and says which file lost its last writes.
+    // Closes every open file; each failing close lowers the result by one.
     int closeAll(int result, const char* const names[7])
     {
-        StdioFile* all[] = {&oldShadow, &newShadow, &list, &changed, &expired, &unsupported, &hsmMig};
-        for (int i = 0; i < 7; ++i) {
-            if (all[i]->close() != 0) {
-                std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::close of %s failed (error=%d)\n", names[i],
-                             cxiErrnoChecked());
-                --result;
-            }
-        }
-        return result;
+        return closeMergeFiles(result, "UPDATESHADOW",
+                               {{&oldShadow, names[0]}, {&newShadow, names[1]}, {&list, names[2]},
+                                {&changed, names[3]}, {&expired, names[4]}, {&unsupported, names[5]},
+                                {&hsmMig, names[6]}});
     }
 };
 
@@ -482,16 +476,6 @@ int checkOutput(const char* output, const char* oldShadowFile, const char* listF
     return 0;
 }
 
-int printResult(int result, const MergeCounts& counts)
-{
-    if (result == 0)
-        std::printf("::UPDATESHADOW::0::%d::%d::%d::\n", counts.changed, counts.expired, counts.unsupported);
-    else
-        std::printf("quenby::UPDATESHADOWERR::%d::%d::%d::%d::\n", result, counts.changed, counts.expired,
-                    counts.unsupported);
-    std::fflush(stdout);
-    return result;
-}
 
 struct Run {
     const char* oldShadowFile;
@@ -640,5 +624,5 @@ int updateShadow(const char* oldShadowFile, const char* newShadowFile, const cha
     if (hsmMigFile != nullptr && run.counts.hsm == 0
         && removableList(hsmMigFile, {oldShadowFile, newShadowFile, listFile, changedFile, expiredFile, unsuppFile}))
         sysUnlink(hsmMigFile);
-    return printResult(result, run.counts);
+    return printMergeResult("UPDATESHADOW", result, run.counts);
 }
