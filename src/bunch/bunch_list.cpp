@@ -3,6 +3,7 @@
 #include "cli/dispatch.h"
 #include "records/scanf_cursor.h"
 #include "support/file_open.h"
+#include "support/line_read.h"
 #include "support/file_stream.h"
 #include "support/sys_call.h"
 
@@ -34,9 +35,10 @@ int readWholeLine(FILE* in, HeapBuf& buf, size_t& len)
 {
     len = 0;
     for (;;) {
-        if (fgets_unlocked(buf.ptr + len, buf.size - static_cast<int>(len), in) == nullptr || feof_unlocked(in))
+        long got = fgetsLength(buf.ptr + len, buf.size - static_cast<int>(len), in);
+        if (got < 0 || feof_unlocked(in))
             return 0;
-        len += std::strlen(buf.ptr + len);
+        len += textLength(buf.ptr + len, static_cast<size_t>(got));
         if (len > 0 && buf.ptr[len - 1] == '\n')
             return 1;
         if (len + 1 < static_cast<size_t>(buf.size))

@@ -5,6 +5,7 @@
 #include "bunch/record_update.h"
 #include "cli/dispatch.h"
 #include "support/file_stream.h"
+#include "support/line_read.h"
 #include "support/sys_call.h"
 
 #include <cstring>
@@ -32,18 +33,21 @@ bool startsWith(const char* text, const char* prefix)
 // never taken for a line of its own.
 bool readClientLine(FILE* in, HeapBuf& buf)
 {
-    int len = 0;
-    int c;
-    while ((c = getc_unlocked(in)) != EOF) {
-        if (len + 2 > buf.size && (buf.size >= kClientLineMax || !buf.grow(buf.size * 2))) {
-            while (c != '\n' && (c = getc_unlocked(in)) != EOF) {
+    size_t len = 0;
+    for (;;) {
+        long got = fgetsLength(buf.ptr + len, buf.size - static_cast<int>(len), in);
+        if (got < 0)
+            break;
+        len += static_cast<size_t>(got);
+        if (buf.ptr[len - 1] == '\n' || len + 1 < static_cast<size_t>(buf.size))
+            break;
+        if (buf.size >= kClientLineMax || !buf.grow(buf.size * 2)) {
+            int c;
+            while ((c = getc_unlocked(in)) != EOF && c != '\n') {
             }
             buf.ptr[len - 1] = '\n';
             break;
         }
-        buf.ptr[len++] = static_cast<char>(c);
-        if (c == '\n')
-            break;
     }
     buf.ptr[len] = '\0';
     return len > 0;
@@ -142,6 +146,7 @@ void monitorClientOutput(FILE* output, FILE* shadow, const char* label, int succ
                          offset_t lastOffset, HeapBuf& buf, MonitorCounts& counts)
 {
     Monitor monitor(shadow, label, successState, firstOffset, lastOffset);
+    RecordReadWindow window(shadow);
     while (readClientLine(output, buf)) {
         if (quenby_debug > 3)
             std::fprintf(stderr, "quenby:QBS:%s", buf.ptr);

@@ -44,15 +44,84 @@ struct Record {
     int flag = 0;
 };
 
+constexpr size_t kWindowSize = 64 * 1024;
+
+// The window of the file that the live RecordReadWindow reads through.
+struct Window {
+    int fd = -1;
+    char* bytes = nullptr;
+    offset_t start = 0;
+    size_t len = 0;
+} window;
+
+// The whole line at `offset` from the window, filling it there first when
+// the line is not in it: 1, or -1 when the read fails. 0 when the line is
+// longer than the window, reaches the end of the file or is a header line:
+// the plain positioned reads then give the proper answer.
+int lineFromWindow(int fd, offset_t offset, Record& rec)
+{
+    if (window.fd != fd || window.bytes == nullptr)
+        return 0;
+    for (int pass = 0; pass < 2; ++pass) {
+        const offset_t windowEnd = window.start + static_cast<offset_t>(window.len);
+        if (offset >= window.start && offset < windowEnd) {
+            const char* p = window.bytes + (offset - window.start);
+            size_t ready = window.len - static_cast<size_t>(offset - window.start);
+            const char* lf = static_cast<const char*>(std::memchr(p, '\n', ready));
+            if (lf != nullptr) {
+                size_t n = static_cast<size_t>(lf - p) + 1;
+                if (n + 1 > static_cast<size_t>(ulineSize))
+                    return 0;
+                std::memcpy(ulineP, p, n);
+                ulineP[n] = '\0';
+                if (isShadowHeaderLine(ulineP))
+                    return 0;
+                rec.len = std::strlen(ulineP);
+                rec.offset = offset;
+                return 1;
+            }
+            if (offset == window.start)
+                return 0;
+        }
+        ssize_t got = sysPread(fd, window.bytes, kWindowSize, static_cast<off_t>(offset));
+        if (got <= 0) {
+            window.len = 0;
+            return got < 0 ? -1 : 0;
+        }
+        window.start = offset;
+        window.len = static_cast<size_t>(got);
+    }
+    return 0;
+}
+
+// Keeps the window equal to the file after a rewrite.
+void writeIntoWindow(int fd, const Record& rec)
+{
+    if (window.fd != fd || window.len == 0)
+        return;
+    offset_t from = rec.offset > window.start ? rec.offset : window.start;
+    const offset_t windowEnd = window.start + static_cast<offset_t>(window.len);
+    offset_t to = rec.offset + static_cast<offset_t>(rec.len);
+    if (to > windowEnd)
+        to = windowEnd;
+    if (from < to)
+        std::memcpy(window.bytes + (from - window.start), ulineP + (from - rec.offset), static_cast<size_t>(to - from));
+}
+
 // Reads and parses the record at `offset`; the reader's result, with 0 and
 // `eof` at the end of the file.
 int readRecordAt(int fd, offset_t offset, Record& rec, bool& eof)
 {
     eof = false;
-    int got = readRecordLineAt(fd, offset, &ulineP, &ulineSize, &rec.len, &rec.offset);
-    if (got <= 0) {
-        eof = got == 0;
-        return got;
+    int fromWindow = lineFromWindow(fd, offset, rec);
+    if (fromWindow < 0)
+        return -1;
+    if (fromWindow == 0) {
+        int got = readRecordLineAt(fd, offset, &ulineP, &ulineSize, &rec.len, &rec.offset);
+        if (got <= 0) {
+            eof = got == 0;
+            return got;
+        }
     }
     return parsePolicyRecordLine(ulineP, rec.len, ulineSize, &rec.ino, &rec.gen, &upathP, &upathSize, &uattrP,
                                  &uattrSize, nullptr, nullptr, &rec.flag, nullptr);
@@ -68,10 +137,27 @@ bool writeLineAt(int fd, const Record& rec)
             return false;
         done += static_cast<size_t>(put);
     }
+    writeIntoWindow(fd, rec);
     return true;
 }
 
 } // namespace
+
+RecordReadWindow::RecordReadWindow(FILE* shadow)
+{
+    window = Window{};
+    if (shadow == nullptr)
+        return;
+    window.bytes = static_cast<char*>(std::malloc(kWindowSize));
+    if (window.bytes != nullptr)
+        window.fd = fileno(shadow);
+}
+
+RecordReadWindow::~RecordReadWindow()
+{
+    std::free(window.bytes);
+    window = Window{};
+}
 
 bool allocUpdateBuffers()
 {

@@ -20,6 +20,20 @@ extern int uattrSize;
 bool allocUpdateBuffers();
 void freeUpdateBuffers();
 
+// While one lives, the records of `shadow` are read through a window of
+// the file that one positioned read fills: a client reports its files in
+// the order of the database, so the next record is mostly in the window
+// already. Writes still go to the file at once, and into the window. Only
+// this process may change the records it reads meanwhile, as the bunch's
+// byte-range lock ensures.
+class RecordReadWindow {
+public:
+    explicit RecordReadWindow(FILE* shadow);
+    ~RecordReadWindow();
+    RecordReadWindow(const RecordReadWindow&) = delete;
+    RecordReadWindow& operator=(const RecordReadWindow&) = delete;
+};
+
 // Records what the client reported for the file whose record starts at
 // `offset`: 0x0 done, 0xd expired, 0xb failed. `slot` is its path index
 // slot. 0 when updated or nothing was needed, else the failing step's code.

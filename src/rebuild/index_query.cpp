@@ -2,6 +2,7 @@
 
 #include "cli/dispatch.h"
 #include "records/scanf_cursor.h"
+#include "support/line_read.h"
 #include "support/sys_call.h"
 
 #include <climits>
@@ -42,11 +43,12 @@ int readIndexFile(FILE* stream, char** pathBuf, int* pathBufSize, long long* off
 {
     char line[kIndexLineSize];
     for (;;) {
-        if (std::fgets(line, sizeof line, stream) == nullptr || std::feof(stream)) {
+        long got = fgetsLength(line, sizeof line, stream);
+        if (got < 0 || feof_unlocked(stream)) {
             *eof = 1;
             return 0;
         }
-        size_t len = std::strlen(line);
+        size_t len = textLength(line, static_cast<size_t>(got));
         if (len == sizeof line - 1 && line[len - 1] != '\n') {
             std::fprintf(stderr, "quenby: readIndexFile: sorted Index line is too long. [%s]\n", line);
             return -1;
@@ -95,11 +97,12 @@ int readQueryRecord(FILE* stream, char** lineBuf, int* lineBufSize, char** pathB
     char* line;
     for (;;) {
         line = *lineBuf;
-        if (std::fgets(line, *lineBufSize, stream) == nullptr || std::feof(stream)) {
+        long got = fgetsLength(line, *lineBufSize, stream);
+        if (got < 0 || feof_unlocked(stream)) {
             *eof = 1;
             return 0;
         }
-        size_t len = std::strlen(line);
+        size_t len = textLength(line, static_cast<size_t>(got));
         if (len + 1 < static_cast<size_t>(*lineBufSize) || line[len - 1] == '\n')
             break;
         if (*lineBufSize > INT_MAX / 2 || !growTo(lineBuf, lineBufSize, 2LL * *lineBufSize))

@@ -3,6 +3,7 @@
 #include "cli/dispatch.h"
 #include "records/scanf_cursor.h"
 #include "support/file_open.h"
+#include "support/line_read.h"
 #include "support/sys_call.h"
 
 #include <climits>
@@ -142,6 +143,19 @@ int scanRecordHead(const char* text, uint64_t* ino, uint64_t* gen, unsigned int*
 
 int scanLengthField(const char* text, int* length, const char** end)
 {
+    // The plain form, a few digits and the "!": no sign, blank or overflow.
+    if (text[0] >= '0' && text[0] <= '9') {
+        int value = text[0] - '0';
+        const char* p = text + 1;
+        while (*p >= '0' && *p <= '9' && p - text < 9)
+            value = value * 10 + (*p++ - '0');
+        if (*p == '!') {
+            *length = value;
+            if (end != nullptr)
+                *end = p;
+            return 1;
+        }
+    }
     ScanfCursor in(text);
     bool ok = in.number(-1, false);
     if (end != nullptr)
@@ -243,7 +257,8 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
             }
             continue;
         }
-        if (fgets_unlocked(line, size, stream) == nullptr || feof_unlocked(stream)) {
+        long got = fgetsLength(line, size, stream);
+        if (got < 0 || feof_unlocked(stream)) {
             // A list that cannot be read must not pass for an empty one: the
             // merge would expire every file it no longer sees.
             if (ferror_unlocked(stream)) {
@@ -253,7 +268,7 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
             *endOfFile = 1;
             return 0;
         }
-        len = std::strlen(line);
+        len = textLength(line, static_cast<size_t>(got));
         if (len == static_cast<size_t>(size) - 1 && line[len - 1] != '\n') {
             if (size > INT_MAX / 2 || !growToFit(lineBuf, lineBufSize, 2LL * size)) {
                 std::fprintf(stderr, "quenby: failed to realloc memory for line %s\n", line);
@@ -339,21 +354,22 @@ int parsePolicyRecordLine(char* line, size_t len, int lineBufSize, uint64_t* ino
     std::memcpy(show, showEnd - showSize, static_cast<size_t>(showSize));
     show[showSize] = '\0';
 
-    // Fields 1 to 5 stay at the front of the SHOW buffer; 6 and 7 are cut off.
-    char* blank = show;
-    for (int blanks = 0;; ++blank) {
-        if (*blank == '\0') {
+    // Fields 1 to 5 stay at the front of the SHOW buffer; 6 and 7 are cut
+    // off.
+    char* const showEnd0 = show + textLength(show, static_cast<size_t>(showSize));
+    char* blank = show - 1;
+    for (int blanks = 0; blanks < 5; ++blanks) {
+        blank = static_cast<char*>(std::memchr(blank + 1, ' ', static_cast<size_t>(showEnd0 - (blank + 1))));
+        if (blank == nullptr) {
             std::fprintf(stderr, "quenby: invalid show attribute in %s\n", line);
             return -1;
         }
-        if (*blank == ' ' && ++blanks == 5)
-            break;
     }
     *blank = '\0';
     if (filesetName == nullptr || hsmState == nullptr)
         return 0;
     *filesetName = blank + 1;
-    char* next = std::strchr(blank + 1, ' ');
+    char* next = static_cast<char*>(std::memchr(blank + 1, ' ', static_cast<size_t>(showEnd0 - (blank + 1))));
     if (next != nullptr) {
         *next = '\0';
         *hsmState = next + 1;
