@@ -139,8 +139,11 @@ int sortPDRListByPathname(const char* listFile, const char* sortedFile, char** e
             return rc;
         if (rec.endOfFile)
             break;
-        char head[20];
-        std::snprintf(head, sizeof head, "%016llx ", static_cast<unsigned long long>(offset));
+        char head[17];
+        auto value = static_cast<unsigned long long>(offset);
+        for (int i = 15; i >= 0; --i, value >>= 4)
+            head[i] = "0123456789abcdef"[value & 0xf];
+        head[16] = ' ';
         size_t pathLen = std::strlen(rec.path.ptr);
         if (sysFwrite(head, 17, index.get()) != 17 || sysFwrite(rec.path.ptr, pathLen, index.get()) != pathLen
             || sysFwrite("\n", 1, index.get()) != 1) {

@@ -31,10 +31,23 @@ void systemError(const char* prefix)
     std::fprintf(stderr, "%s: %s\n", prefix, std::strerror(errno));
 }
 
+// At most `width` bytes of `text`, right-aligned in `width` columns, as
+// printf's "%<width>.<width>s" writes them.
+char* rightAligned(char* out, const char* text, size_t width)
+{
+    size_t n = strnlen(text, width);
+    std::memset(out, ' ', width - n);
+    std::memcpy(out + (width - n), text, n);
+    return out + width;
+}
+
 // A time of the server in the SHOW form: "%10.10s %8.8s.000000".
 void serverTime(char (&out)[32], const char* date, const char* time)
 {
-    std::snprintf(out, sizeof out, "%10.10s %8.8s.000000", date, time);
+    char* p = rightAligned(out, date, 10);
+    *p++ = ' ';
+    p = rightAligned(p, time, 8);
+    std::memcpy(p, ".000000", sizeof ".000000");
 }
 
 void copyBounded(std::string& out, const char* from, size_t len, size_t max)
@@ -142,6 +155,7 @@ private:
     unsigned int indexEof_ = 0;
     long long indexOffset_ = 0;
     std::string line_; // the output line being built, reused
+    ScanShow scanShow_; // the SHOW values of the scan record, reused
 };
 
 int Rebuild::walk()
@@ -245,7 +259,7 @@ int Rebuild::writeMergedRecord()
     if (int rc = parsePolicyRecordLine(line, len, scanLine_.size, &ino, &gen, &indexPath_.ptr, &indexPath_.size,
                                        &show_.ptr, &show_.size, nullptr, nullptr, &flag, nullptr))
         return rc;
-    ScanShow scan;
+    ScanShow& scan = scanShow_;
     if (parsePolicyShow(line, scan) != 0)
         return -1;
 
