@@ -7,6 +7,9 @@
 #include "support/sys_call.h"
 
 #include <climits>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 #include <cstdlib>
 #include <cstring>
 
@@ -168,6 +171,28 @@ int scanLengthField(const char* text, int* length, const char** end)
 }
 
 namespace {
+
+// The nth blank (n >= 1) in the `len` bytes at `text`, or null.
+char* nthBlank(char* text, size_t len, int n)
+{
+    size_t i = 0;
+#ifdef __SSE2__
+    // Sixteen bytes at a time: a SHOW text holds its five blanks in about
+    // seventy bytes.
+    const __m128i blanks = _mm_set1_epi8(' ');
+    for (; i + 16 <= len; i += 16) {
+        __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + i));
+        for (auto mask = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(chunk, blanks))); mask != 0;
+             mask &= mask - 1)
+            if (--n == 0)
+                return text + i + __builtin_ctz(mask);
+    }
+#endif
+    for (; i < len; ++i)
+        if (text[i] == ' ' && --n == 0)
+            return text + i;
+    return nullptr;
+}
 
 // The first "!" at or after `from`. A scan that stopped on a "!" found it:
 // everything it passed over was blanks, signs, digits and separators.
@@ -357,13 +382,10 @@ int parsePolicyRecordLine(char* line, size_t len, int lineBufSize, uint64_t* ino
     // Fields 1 to 5 stay at the front of the SHOW buffer; 6 and 7 are cut
     // off.
     char* const showEnd0 = show + textLength(show, static_cast<size_t>(showSize));
-    char* blank = show - 1;
-    for (int blanks = 0; blanks < 5; ++blanks) {
-        blank = static_cast<char*>(std::memchr(blank + 1, ' ', static_cast<size_t>(showEnd0 - (blank + 1))));
-        if (blank == nullptr) {
-            std::fprintf(stderr, "quenby: invalid show attribute in %s\n", line);
-            return -1;
-        }
+    char* blank = nthBlank(show, static_cast<size_t>(showEnd0 - show), 5);
+    if (blank == nullptr) {
+        std::fprintf(stderr, "quenby: invalid show attribute in %s\n", line);
+        return -1;
     }
     *blank = '\0';
     if (filesetName == nullptr || hsmState == nullptr)
