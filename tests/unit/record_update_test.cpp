@@ -6,7 +6,9 @@
 #include "support/consistency.h"
 #include "test_util.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <optional>
 
 // One record line; shared with the client monitor tests.
 std::string shadowRecord(unsigned ino, const std::string& flag, const std::string& path, unsigned gen = 1)
@@ -114,6 +116,93 @@ TEST(RecordUpdate, ReportsAndFailuresRewriteOnlyFlags)
     }
     freeUpdateBuffers();
     pathIndexReset();
+}
+
+// Reports in database order through one window: the file ends as with plain
+// reads, for a pread per window fill rather than per record. Assorted path
+// lengths put records across the window's edges; one record is longer than
+// ulineP, one longer than the window, and the last has no line feed.
+TEST(RecordUpdate, ReadWindowMatchesPlainReads)
+{
+    // `nth`: the pread that fails; `failures`: the reports that fail by it.
+    struct Case { const char* name; bool window; int nth; int failures; } cases[] = {
+        {"window", true, 60, 0},
+        {"no window", false, 60, 1}, // the 60th pread is reached without one
+        {"window fill fails", true, 1, 1},
+        {"read of a record past ulineP fails", true, 2, 1},
+    };
+    std::vector<offset_t> at;
+    std::vector<std::string> paths;
+    std::string text = kLead;
+    for (unsigned i = 0; i < 900; ++i) {
+        paths.push_back("/fs/" + std::string(i == 300 ? 10000 : i == 450 ? 70000 : i % 97, 'p') + std::to_string(i));
+        at.push_back(static_cast<offset_t>(text.size()));
+        text += shadowRecord(0x100 + i, "b", paths[i]);
+    }
+    text.pop_back();
+    testutil::ScratchDir dir;
+    const std::string db = dir.file("shadow");
+    pathIndexReset(); // no index, no marks: every report reads its record
+    ASSERT_TRUE(allocUpdateBuffers());
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        testutil::writeFile(db, text);
+        FILE* f = std::fopen(db.c_str(), "r+");
+        std::vector<int> results;
+        testing::internal::CaptureStderr();
+        sysFailOn(SysCall::pread, c.nth, EIO);
+        {
+            std::optional<RecordReadWindow> window;
+            if (c.window)
+                window.emplace(f);
+            for (offset_t offset : at)
+                results.push_back(updateShadowPDR(f, offset, 0x0, UINT32_MAX));
+        }
+        sysFaultsClear();
+        testing::internal::GetCapturedStderr();
+        std::fclose(f);
+        // A failed report leaves its record as it was; the unterminated last one is never rewritten.
+        std::string want = kLead;
+        for (size_t i = 0; i < paths.size(); ++i)
+            want += shadowRecord(0x100 + i, results[i] == 0 && i + 1 < paths.size() ? "0" : "b", paths[i]);
+        want.pop_back();
+        EXPECT_EQ(std::count(results.begin(), results.end(), -1), c.failures);
+        EXPECT_EQ(std::count(results.begin(), results.end(), 0), std::ssize(results) - c.failures);
+        EXPECT_TRUE(testutil::readFile(db) == want);
+    }
+    freeUpdateBuffers();
+}
+
+// A report that reads a record rewritten earlier in the same window sees the
+// new bytes; the fault on the second pread proves that they came from it.
+TEST(RecordUpdate, ReadWindowSeesItsOwnWrites)
+{
+    struct Case { const char* name; Flags before; std::vector<int> reports; Flags after; } cases[] = {
+        {"done, then failed", {"b"}, {0x0, 0xb}, {"b"}},
+        {"pair done, then failed", {"c", "b"}, {0x0, 0xb}, {"c", "b"}},
+        {"pair failed, then done", {"d", "0"}, {0xb, 0x0}, {"d", "0"}},
+    };
+    testutil::ScratchDir dir;
+    const std::string db = dir.file("shadow");
+    pathIndexReset();
+    ASSERT_TRUE(allocUpdateBuffers());
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        testutil::writeFile(db, shadow(c.before, 0x20, 1));
+        FILE* f = std::fopen(db.c_str(), "r+");
+        testing::internal::CaptureStderr();
+        sysFailOn(SysCall::pread, 2, EIO);
+        {
+            RecordReadWindow window(f);
+            for (int state : c.reports)
+                EXPECT_EQ(updateShadowPDR(f, static_cast<offset_t>(kLead.size()), state, UINT32_MAX), 0);
+        }
+        sysFaultsClear();
+        testing::internal::GetCapturedStderr();
+        std::fclose(f);
+        EXPECT_EQ(testutil::readFile(db), shadow(c.after, 0x20, 1));
+    }
+    freeUpdateBuffers();
 }
 
 } // namespace
