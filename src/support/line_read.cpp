@@ -9,6 +9,17 @@ long fgetsLength(char* buf, int size, FILE* in)
         return -1;
     size_t room = static_cast<size_t>(size) - 1;
     size_t stored = 0;
+#ifdef __GLIBC__
+    // As fgets, count only an error of this call: an earlier one must not
+    // cost the last line.
+    const int earlierError = in->_flags & _IO_ERR_SEEN;
+    in->_flags &= ~_IO_ERR_SEEN;
+    struct RestoreError {
+        FILE* in;
+        int flag;
+        ~RestoreError() { in->_flags |= flag; }
+    } restore{in, earlierError};
+#endif
     while (stored < room) {
 #ifdef __GLIBC__
         // Copy straight out of the stream's buffer, a line at a time.

@@ -107,7 +107,7 @@ TEST(LineRead, MatchesFgets)
 // After a failed read, fgets still returns an unterminated last line (only
 // an error of this call counts); fgetsLength takes the old error flag for a
 // new one and returns -1, so the line is lost.
-TEST(LineRead, DISABLED_ErrorOfAnEarlierCallKeepsTheLastLine)
+TEST(LineRead, ErrorOfAnEarlierCallKeepsTheLastLine)
 {
     compareReads("ab\ncd", 8, 4, 1, 0);
 }
