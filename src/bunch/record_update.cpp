@@ -44,7 +44,10 @@ struct Record {
     int flag = 0;
 };
 
-constexpr size_t kWindowSize = 64 * 1024;
+// A few pages: a dense bunch finds dozens of records in one read, and a
+// sparse one, whose records lie far apart, pays little more than for its
+// own lines.
+constexpr size_t kWindowSize = 8 * 1024;
 
 // The window of the file that the live RecordReadWindow reads through.
 struct Window {
