@@ -35,10 +35,10 @@ int readWholeLine(FILE* in, HeapBuf& buf, size_t& len)
 {
     len = 0;
     for (;;) {
-        long got = fgetsLength(buf.ptr + len, buf.size - static_cast<int>(len), in);
-        if (got < 0 || feof_unlocked(in))
+        size_t got = 0;
+        if (!readLineText(buf.ptr + len, buf.size - static_cast<int>(len), in, &got))
             return 0;
-        len += textLength(buf.ptr + len, static_cast<size_t>(got));
+        len += got;
         if (len > 0 && buf.ptr[len - 1] == '\n')
             return 1;
         if (len + 1 < static_cast<size_t>(buf.size))

@@ -43,12 +43,11 @@ int readIndexFile(FILE* stream, char** pathBuf, int* pathBufSize, long long* off
 {
     char line[kIndexLineSize];
     for (;;) {
-        long got = fgetsLength(line, sizeof line, stream);
-        if (got < 0 || feof_unlocked(stream)) {
+        size_t len = 0;
+        if (!readLineText(line, sizeof line, stream, &len)) {
             *eof = 1;
             return 0;
         }
-        size_t len = textLength(line, static_cast<size_t>(got));
         if (len == sizeof line - 1 && line[len - 1] != '\n') {
             std::fprintf(stderr, "quenby: readIndexFile: sorted Index line is too long. [%s]\n", line);
             return -1;
@@ -97,12 +96,11 @@ int readQueryRecord(FILE* stream, char** lineBuf, int* lineBufSize, char** pathB
     char* line;
     for (;;) {
         line = *lineBuf;
-        long got = fgetsLength(line, *lineBufSize, stream);
-        if (got < 0 || feof_unlocked(stream)) {
+        size_t len = 0;
+        if (!readLineText(line, *lineBufSize, stream, &len)) {
             *eof = 1;
             return 0;
         }
-        size_t len = textLength(line, static_cast<size_t>(got));
         if (len + 1 < static_cast<size_t>(*lineBufSize) || line[len - 1] == '\n')
             break;
         if (*lineBufSize > INT_MAX / 2 || !growTo(lineBuf, lineBufSize, 2LL * *lineBufSize))

@@ -271,7 +271,7 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
     // Take the next line that is not a header line, growing the buffer for
     // a line that does not fit and reading it again from its start.
     char* line;
-    size_t len;
+    size_t len = 0;
     for (;;) {
         line = *lineBuf;
         int size = *lineBufSize;
@@ -282,8 +282,7 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
             }
             continue;
         }
-        long got = fgetsLength(line, size, stream);
-        if (got < 0 || feof_unlocked(stream)) {
+        if (!readLineText(line, size, stream, &len)) {
             // A list that cannot be read must not pass for an empty one: the
             // merge would expire every file it no longer sees.
             if (ferror_unlocked(stream)) {
@@ -293,7 +292,6 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
             *endOfFile = 1;
             return 0;
         }
-        len = textLength(line, static_cast<size_t>(got));
         if (len == static_cast<size_t>(size) - 1 && line[len - 1] != '\n') {
             if (size > INT_MAX / 2 || !growToFit(lineBuf, lineBufSize, 2LL * size)) {
                 std::fprintf(stderr, "quenby: failed to realloc memory for line %s\n", line);
@@ -381,8 +379,8 @@ int parsePolicyRecordLine(char* line, size_t len, int lineBufSize, uint64_t* ino
 
     // Fields 1 to 5 stay at the front of the SHOW buffer; 6 and 7 are cut
     // off.
-    char* const showEnd0 = show + textLength(show, static_cast<size_t>(showSize));
-    char* blank = nthBlank(show, static_cast<size_t>(showEnd0 - show), 5);
+    char* const textEnd = show + textLength(show, static_cast<size_t>(showSize));
+    char* blank = nthBlank(show, static_cast<size_t>(textEnd - show), 5);
     if (blank == nullptr) {
         std::fprintf(stderr, "quenby: invalid show attribute in %s\n", line);
         return -1;
@@ -391,7 +389,7 @@ int parsePolicyRecordLine(char* line, size_t len, int lineBufSize, uint64_t* ino
     if (filesetName == nullptr || hsmState == nullptr)
         return 0;
     *filesetName = blank + 1;
-    char* next = static_cast<char*>(std::memchr(blank + 1, ' ', static_cast<size_t>(showEnd0 - (blank + 1))));
+    char* next = static_cast<char*>(std::memchr(blank + 1, ' ', static_cast<size_t>(textEnd - (blank + 1))));
     if (next != nullptr) {
         *next = '\0';
         *hsmState = next + 1;

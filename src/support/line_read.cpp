@@ -3,6 +3,15 @@
 #include <cerrno>
 #include <cstring>
 
+bool readLineText(char* buf, int size, FILE* in, size_t* len)
+{
+    long got = fgetsLength(buf, size, in);
+    if (got < 0 || feof_unlocked(in))
+        return false;
+    *len = textLength(buf, static_cast<size_t>(got));
+    return true;
+}
+
 long fgetsLength(char* buf, int size, FILE* in)
 {
     if (size <= 0)

@@ -10,6 +10,12 @@
 // fgets returns null: nothing left to read, or a read error.
 long fgetsLength(char* buf, int size, FILE* in);
 
+// The next line as the sequential readers take it: false where fgets
+// returns null or the read ran into the end of the input (a last line
+// without its line feed counts as the end); else *len is the length strlen
+// gives.
+bool readLineText(char* buf, int size, FILE* in, size_t* len);
+
 // The length a string function sees in `n` stored bytes: up to the first NUL.
 inline size_t textLength(const char* buf, size_t n)
 {
