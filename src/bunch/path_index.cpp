@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <sys/mman.h>
 
 pathNameBuffer_t* pnbAnchorP = nullptr;
 pathNameBuffer_t* pnbLastBufP = nullptr;
@@ -209,19 +208,6 @@ void freeProbeHelpers()
     slotsUsed = 0;
 }
 
-// Every insert and lookup lands at random in these arrays: with 4 KiB pages
-// most of them miss the TLB as well as the cache. Asks for huge pages over
-// the part of an array they can cover, before its pages are first touched;
-// where the system refuses, nothing changes.
-void adviseHugePages(void* array, size_t bytes)
-{
-    constexpr uintptr_t huge = 2u << 20;
-    auto from = (reinterpret_cast<uintptr_t>(array) + huge - 1) & ~(huge - 1);
-    auto to = (reinterpret_cast<uintptr_t>(array) + bytes) & ~(huge - 1);
-    if (from < to)
-        (void)madvise(reinterpret_cast<void*>(from), to - from, MADV_HUGEPAGE);
-}
-
 bool allocateSlots()
 {
     uint32_t buckets = 1;
@@ -239,11 +225,6 @@ bool allocateSlots()
         freeProbeHelpers();
         return false;
     }
-    adviseHugePages(gsiHashP, sizeof(gsiSlot_t) * gsiCount);
-    for (uint32_t* array : {freeNext, chainNext})
-        adviseHugePages(array, sizeof(uint32_t) * gsiCount);
-    for (uint32_t* array : {bucketHead, bucketTail})
-        adviseHugePages(array, sizeof(uint32_t) * buckets);
     for (uint32_t s = 0; s < gsiCount; ++s)
         freeNext[s] = s;
     for (uint32_t b = 0; b < buckets; ++b)
