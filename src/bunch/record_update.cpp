@@ -5,10 +5,11 @@
 #include "records/record_at.h"
 #include "records/record_edit.h"
 #include "support/consistency.h"
+#include "support/file_open.h"
+#include "support/file_stream.h"
 #include "support/sys_call.h"
 
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -20,21 +21,6 @@ int upathSize = 0;
 int uattrSize = 0;
 
 namespace {
-
-void systemError(const char* prefix)
-{
-    std::fprintf(stderr, "%s: %s\n", prefix, std::strerror(errno));
-}
-
-bool allocOne(char** buf, int* size, int bytes)
-{
-    void* p = sysRealloc(*buf, static_cast<size_t>(bytes));
-    if (p == nullptr)
-        return false;
-    *buf = static_cast<char*>(p);
-    *size = bytes;
-    return true;
-}
 
 struct Record {
     offset_t offset = 0;
@@ -164,8 +150,8 @@ RecordReadWindow::~RecordReadWindow()
 
 bool allocUpdateBuffers()
 {
-    return allocOne(&ulineP, &ulineSize, PDR_LINE_BUF_SIZE) && allocOne(&upathP, &upathSize, PDR_PATH_BUF_SIZE)
-           && allocOne(&uattrP, &uattrSize, PDR_SHOW_BUF_SIZE);
+    return resizeBuffer(&ulineP, &ulineSize, PDR_LINE_BUF_SIZE) && resizeBuffer(&upathP, &upathSize, PDR_PATH_BUF_SIZE)
+           && resizeBuffer(&uattrP, &uattrSize, PDR_SHOW_BUF_SIZE);
 }
 
 void freeUpdateBuffers()

@@ -55,11 +55,6 @@ int copyOption(FILE* copy, const char* name, const char* value)
     return sysFwrite(line, static_cast<size_t>(len), copy) == static_cast<size_t>(len) ? len : -1;
 }
 
-void systemError(const char* prefix)
-{
-    std::fprintf(stderr, "%s: %s\n", prefix, std::strerror(errno));
-}
-
 
 } // namespace
 

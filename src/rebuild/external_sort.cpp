@@ -20,11 +20,6 @@ constexpr int kIndexNameSize = 4112;
 constexpr size_t kStreamBufferSize = 1 << 20;
 constexpr size_t kSortOptionsMax = 4096;
 
-void systemError(const char* prefix)
-{
-    std::fprintf(stderr, "%s: %s\n", prefix, std::strerror(errno));
-}
-
 // F1:F2:000000000000000d:-0x1:0:F6:F7:0 from the first record's fields.
 char* constructExpireData(const char* line)
 {

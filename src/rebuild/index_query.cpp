@@ -2,10 +2,10 @@
 
 #include "cli/dispatch.h"
 #include "records/scanf_cursor.h"
+#include "support/file_stream.h"
 #include "support/line_read.h"
 #include "support/sys_call.h"
 
-#include <climits>
 #include <cstring>
 
 namespace {
@@ -14,18 +14,6 @@ constexpr int kIndexLineSize = 8192;
 constexpr int kIndexPathStart = 17;
 constexpr int kQueryPathMax = 4096;
 constexpr int kQueryWordMax = 11;
-
-bool growTo(char** buf, int* size, long long want)
-{
-    if (want > INT_MAX)
-        return false;
-    void* p = sysRealloc(*buf, static_cast<size_t>(want));
-    if (p == nullptr)
-        return false;
-    *buf = static_cast<char*>(p);
-    *size = static_cast<int>(want);
-    return true;
-}
 
 // "%s" into a 12-byte field; a longer word makes the line unparsable.
 bool queryWord(ScanfCursor& in, char* out)
@@ -78,7 +66,7 @@ int readIndexFile(FILE* stream, char** pathBuf, int* pathBufSize, long long* off
         if (static_cast<size_t>(*pathBufSize) <= pathLen) {
             long long want = 2LL * *pathBufSize > static_cast<long long>(pathLen) + 1 ? 2LL * *pathBufSize
                                                                                        : static_cast<long long>(pathLen) + 1;
-            if (!growTo(pathBuf, pathBufSize, want)) {
+            if (!resizeBuffer(pathBuf, pathBufSize, want)) {
                 std::fprintf(stderr, "quenby: readIndexFile: failed to realloc(size=%lld) memory for line %s\n", want,
                              path);
                 return 12;
@@ -103,7 +91,7 @@ int readQueryRecord(FILE* stream, char** lineBuf, int* lineBufSize, char** pathB
         }
         if (len + 1 < static_cast<size_t>(*lineBufSize) || line[len - 1] == '\n')
             break;
-        if (*lineBufSize > INT_MAX / 2 || !growTo(lineBuf, lineBufSize, 2LL * *lineBufSize))
+        if (!resizeBuffer(lineBuf, lineBufSize, 2LL * *lineBufSize))
             return 12;
         if (sysFseeko(stream, -static_cast<off_t>(len), SEEK_CUR) != 0)
             return -1;
@@ -131,7 +119,7 @@ int readQueryRecord(FILE* stream, char** lineBuf, int* lineBufSize, char** pathB
         if (pathLen > kQueryPathMax)
             return 22;
         long long want = 2LL * *pathBufSize > pathLen + 1LL ? 2LL * *pathBufSize : pathLen + 1LL;
-        if (!growTo(pathBuf, pathBufSize, want)) {
+        if (!resizeBuffer(pathBuf, pathBufSize, want)) {
             std::fprintf(stderr, "quenby: readQueryRecord: failed to realloc(size=%lld) memory for line %s\n", want,
                          line);
             return 12;

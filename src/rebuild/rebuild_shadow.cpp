@@ -26,11 +26,6 @@ constexpr size_t kTimeMax = 29;
 constexpr size_t kFilesetMax = 255;
 constexpr size_t kMigStateMax = 7;
 
-void systemError(const char* prefix)
-{
-    std::fprintf(stderr, "%s: %s\n", prefix, std::strerror(errno));
-}
-
 // At most `width` bytes of `text`, right-aligned in `width` columns, as
 // printf's "%<width>.<width>s" writes them.
 char* rightAligned(char* out, const char* text, size_t width)

@@ -6,7 +6,6 @@
 #include "support/line_read.h"
 #include "support/sys_call.h"
 
-#include <climits>
 #ifdef __SSE2__
 #include <emmintrin.h>
 #endif
@@ -22,16 +21,7 @@ bool growToFit(char** buf, int* size, long long need)
     if (need <= *size)
         return true;
     long long target = 2LL * *size;
-    if (target < need)
-        target = need;
-    if (target > INT_MAX)
-        return false;
-    void* p = sysRealloc(*buf, static_cast<size_t>(target));
-    if (p == nullptr)
-        return false;
-    *buf = static_cast<char*>(p);
-    *size = static_cast<int>(target);
-    return true;
+    return resizeBuffer(buf, size, target < need ? need : target);
 }
 
 bool startsWith(const char* text, const char* prefix, size_t prefixLen)
@@ -293,7 +283,7 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
             return 0;
         }
         if (len == static_cast<size_t>(size) - 1 && line[len - 1] != '\n') {
-            if (size > INT_MAX / 2 || !growToFit(lineBuf, lineBufSize, 2LL * size)) {
+            if (!growToFit(lineBuf, lineBufSize, 2LL * size)) {
                 std::fprintf(stderr, "quenby: failed to realloc memory for line %s\n", line);
                 return -1;
             }

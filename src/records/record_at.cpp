@@ -1,9 +1,9 @@
 #include "records/record_at.h"
 
+#include "support/file_stream.h"
 #include "support/sys_call.h"
 
 #include <cerrno>
-#include <climits>
 #include <cstring>
 
 namespace {
@@ -34,14 +34,9 @@ int readRecordLineAt(int fd, offset_t offset, char** buf, int* size, size_t* len
             }
             if (got == 0)
                 return 0;
-            if (have + 1 == static_cast<size_t>(*size)) {
-                void* grown = *size > INT_MAX / 2 ? nullptr : sysRealloc(*buf, static_cast<size_t>(*size) * 2);
-                if (grown == nullptr) {
-                    errno = ENOMEM;
-                    return -1;
-                }
-                *buf = static_cast<char*>(grown);
-                *size *= 2;
+            if (have + 1 == static_cast<size_t>(*size) && !resizeBuffer(buf, size, 2LL * *size)) {
+                errno = ENOMEM;
+                return -1;
             }
         }
         if (!isShadowHeaderLine(*buf)) {

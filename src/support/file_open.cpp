@@ -3,6 +3,7 @@
 #include "support/sys_call.h"
 
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 
 void syncFuncNoop() {}
@@ -83,4 +84,9 @@ int cxiFopen(const char* path, const char* mode, FILE** streamOut, Inherit_t inh
     if (inherit == inheritSync)
         PopenSyncReleaseP();
     return result;
+}
+
+void systemError(const char* prefix)
+{
+    std::fprintf(stderr, "%s: %s\n", prefix, std::strerror(errno));
 }

@@ -23,6 +23,9 @@ int cxiErrno();
 // As cxiErrno, but never 0: -1 when errno is 0 or maps to 0.
 int cxiErrnoChecked();
 
+// Prints "<prefix>: <system error text>" for errno to standard error.
+void systemError(const char* prefix);
+
 // Opens `path` with stdio `mode`. Returns 0 and the stream in *streamOut, or
 // a portable error code with *streamOut null.
 int cxiFopen(const char* path, const char* mode, FILE** streamOut, Inherit_t inherit);

@@ -6,6 +6,7 @@
 #include "support/file_open.h"
 #include "support/sys_call.h"
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <utility>
@@ -69,6 +70,20 @@ private:
 
 // A malloc'd buffer with its size as an int, the shape the record readers
 // take by address and enlarge in place.
+// Reallocates a caller's growable buffer to `bytes`, keeping its contents;
+// false, with the buffer as it was, when that fails or passes INT_MAX.
+inline bool resizeBuffer(char** buf, int* size, long long bytes)
+{
+    if (bytes > INT_MAX)
+        return false;
+    void* p = sysRealloc(*buf, static_cast<size_t>(bytes));
+    if (p == nullptr)
+        return false;
+    *buf = static_cast<char*>(p);
+    *size = static_cast<int>(bytes);
+    return true;
+}
+
 struct HeapBuf {
     char* ptr = nullptr;
     int size = 0;
@@ -80,25 +95,14 @@ struct HeapBuf {
 
     bool allocate(int bytes)
     {
-        void* p = sysRealloc(ptr, static_cast<size_t>(bytes));
-        if (p == nullptr)
+        if (!resizeBuffer(&ptr, &size, bytes))
             return false;
-        ptr = static_cast<char*>(p);
-        size = bytes;
         ptr[0] = '\0';
         return true;
     }
 
     // Enlarges the buffer keeping its contents.
-    bool grow(int bytes)
-    {
-        void* p = sysRealloc(ptr, static_cast<size_t>(bytes));
-        if (p == nullptr)
-            return false;
-        ptr = static_cast<char*>(p);
-        size = bytes;
-        return true;
-    }
+    bool grow(int bytes) { return resizeBuffer(&ptr, &size, bytes); }
 };
 
 // The read end of a command started through the shell; closing it waits for

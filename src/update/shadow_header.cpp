@@ -1,9 +1,9 @@
 #include "update/shadow_header.h"
 
 #include "records/policy_record.h"
+#include "support/file_stream.h"
 #include "support/sys_call.h"
 
-#include <climits>
 #include <cstring>
 
 namespace {
@@ -96,13 +96,8 @@ int readShadowHeader(FILE* stream, char** lineBuf, int* lineBufSize, ShadowHeade
         size_t len = std::strlen(line);
         if (len + 1 < static_cast<size_t>(*lineBufSize) || line[len - 1] == '\n')
             break;
-        if (*lineBufSize > INT_MAX / 2)
+        if (!resizeBuffer(lineBuf, lineBufSize, 2LL * *lineBufSize))
             return -3;
-        void* grown = sysRealloc(*lineBuf, static_cast<size_t>(*lineBufSize) * 2);
-        if (grown == nullptr)
-            return -3;
-        *lineBuf = static_cast<char*>(grown);
-        *lineBufSize *= 2;
         if (sysFseeko(stream, -static_cast<off_t>(len), SEEK_CUR) != 0)
             return -4;
     }
