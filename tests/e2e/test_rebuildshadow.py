@@ -11,27 +11,12 @@ import e2e_util
 from e2e_util import NONZERO, run_case
 from test_updateshadow import pdr, reflag, show
 
-M, C = "2010-01-01 10:00:00", "2010-01-02 11:30:00"  # the server's words
-C2 = "2012-02-02 02:02:02"
+M, C, C2 = "2010-01-01 10:00:00", "2010-01-02 11:30:00", "2012-02-02 02:02:02"  # the server's words
 
 
 def query(path, m=M, c=C, size=42, attr=0):
     """One server query line."""
     return "%d %s %s %d %d!%s\n" % (attr, m, c, size, len(path), path)
-
-
-def resow(line, new_show):
-    """The record with its SHOW replaced."""
-    return "%s;%d!%s\n" % (line[:line.rindex(";")], len(new_show), new_show)
-
-
-def server_only(first, path, m=M, c=C, size=42):
-    """The record made for a path only the server holds, headed by fields
-    1, 2, 6 and 7 of the scan list's first record."""
-    f = first.split(":")
-    s = "%s.000000 %s.000000 %d root resdnt" % (m, c, size)
-    return "%s:%s:000000000000000d:-0x1:0:%s:%s:0:%d!%s:6!system;%d!%s\n" % (
-        f[0], f[1], f[5], f[6], len(path), path, len(s), s)
 
 
 def index(records, head=""):
@@ -42,97 +27,86 @@ def index(records, head=""):
     return "".join("%016x %s\n" % (o, p) for p, o in sorted(zip(paths, offsets)))
 
 
-# The server's times never have a fraction.
-FRAC_M = show(mtime=M + ".500000")
-FRAC_C = show(ctime=C + ".123456")
-B = pdr(5, path="b", show=FRAC_C)
-D = pdr(6, path="d")
+def merged(line, m=M, c=C, size=42, tail="root resdnt", flag=None):
+    """The record with the merged SHOW; the server's times never have a fraction."""
+    line, s = line if flag is None else reflag(line, flag), "%s.000000 %s.000000 %d %s" % (m, c, size, tail)
+    return "%s;%d!%s\n" % (line[:line.rindex(";")], len(s), s)
 
 
-def case(name, queries, scan, out, expect=(), files=(), scan_name="scan", **extra):
-    """out is the rebuilt shadow's lines, or None when it must not exist."""
-    c = {"name": name, "args": ["rebuildshadow", "q", scan_name, "out"],
+# First in the scan list, held by no server: gives no record, but heads
+# every server-only one with its fields 1, 2, 6 and 7.
+FIRST = pdr(6, path="d", flag=0xb)
+
+
+def server_only(path, m=M, c=C, size=42):
+    f, s = FIRST.split(":"), "%s.000000 %s.000000 %d root resdnt" % (m, c, size)
+    return "%s:%s:000000000000000d:-0x1:0:%s:%s:0:%d!%s:6!system;%d!%s\n" % (
+        f[0], f[1], f[5], f[6], len(path), path, len(s), s)
+
+
+def sc(ino, path, flag=0, **show_args):
+    return pdr(ino, path=path, flag=flag, show=show(**show_args))
+
+
+FM, FC, KEPT = M + ".500000", C + ".123456", None
+B = sc(5, "b", 0x10, ctime=FC)
+ROWS = [  # what it shows, the query line (in path order), the scan record, and the record rebuilt: the scan
+    # record as it is (KEPT), merged with these changes (a dict), or a server-only record
+    ("server-only, before the scan; negative size as is", query("a", size=-1), None, server_only("a", size=-1)),
+    ("kept: mtimes equal, attrFlag 0, ctimes differ; any flag kept", query("b", c=C2), B, KEPT),
+    ("kept: attrFlag 1, both times equal", query("c", attr=1), pdr(4, path="c"), KEPT),
+    ("merged: attrFlag 1, ctimes differ -> server times", query("e", c=C2, attr=1), sc(7, "e", ctime=FC), {"c": C2}),
+    ("merged: attrFlag 0, mtimes differ: scan ctime, 0 fraction", query("f", c=C2), sc(8, "f", mtime=FM, ctime=FC), {}),
+    ("merged: negative server size: scan size", query("g", size=-1), sc(9, "g", mtime=FM, size=4096), {"size": 4096}),
+    ("merged: flag 0x10 reset to 0", query("h"), sc(10, "h", 0x10, mtime=FM), {"flag": "00"}),
+    ("merged: flag b kept", query("i"), sc(11, "i", 0xb, mtime=FM), {}),
+    ("merged: fileset, migration state kept", query("j"), sc(12, "j", mtime=FM, fileset="f1", hsm="migrat"),
+     {"tail": "f1 migrat"}),
+    ("merged: 6-field SHOW: resdnt", query("k"), sc(13, "k", mtime=FM, fileset="f2", hsm=None), {"tail": "f2 resdnt"}),
+    ("paths with blanks sort by the whole name", query("x a b"), pdr(1, path="x a b"), KEPT),
+    ("kept, sorted after it", query("x b", attr=1), pdr(2, path="x b"), KEPT),
+    ("server-only between scan paths", query("x b c", m=C, c=C2, size=7), None, server_only("x b c", C, C2, 7)),
+    ("the scan has run out: the rest are server-only", query("y", size=0), None, server_only("y", size=0)),
+]
+# The scan list out of order, to be sorted.
+SCAN = [FIRST] + [r[2] for r in reversed(ROWS) if r[2]]
+REBUILT = "".join(w if s is None else s if w is KEPT else merged(s, **w) for _, _, s, w in ROWS)
+
+
+def case(name, queries, scan, out, files=(), scan_name="scan", **extra):
+    """out is the rebuilt shadow's text, or None when it must not exist."""
+    c = {"name": name, "args": ["rebuildshadow", "q", scan_name, "out"], "stdout": "",
          "files": dict({"q": "".join(queries), scan_name: "".join(scan)}, **dict(files)),
-         "expect": dict({"out": out if out is None else "".join(out)}, **dict(expect)),
-         "stdout": ""}
+         "expect": dict({"out": out}, **dict(extra.pop("expect", {})))}
     c.update(extra)
     return c
 
 
-def merged(line, m=M, c=C, size=42, tail="root resdnt", flag=None):
-    line = line if flag is None else reflag(line, flag)
-    return resow(line, "%s.000000 %s.000000 %d %s" % (m, c, size, tail))
-
-
-RECORDS = [
-    case("kept: mtimes equal, attrFlag 0, ctimes differ; any flag kept",
-         [query("b", c=C2)], [reflag(B, 0x10)], [reflag(B, 0x10)]),
-    case("kept: attrFlag 1, both times equal",
-         [query("b", attr=1)], [pdr(5, path="b")], [pdr(5, path="b")]),
-    case("merged: attrFlag 1, ctimes differ -> server mtime and ctime",
-         [query("b", c=C2, attr=1)], [B], [merged(B, c=C2)]),
-    case("merged: attrFlag 0, mtimes differ -> scan ctime, fraction cleared",
-         [query("b", c=C2)], [pdr(5, path="b", show=show(mtime=M + ".500000", ctime=C + ".123456"))],
-         [merged(pdr(5, path="b"))]),
-    case("merged: negative server size takes the scan's size",
-         [query("b", size=-1)], [pdr(5, path="b", show=show(mtime=M + ".500000", size=4096))],
-         [merged(pdr(5, path="b"), size=4096)]),
-    case("merged: flag 0x10 reset to 0, flag b kept",
-         [query("b"), query("c")],
-         [pdr(5, path="b", flag=0x10, show=FRAC_M), pdr(7, path="c", flag=0xb, show=FRAC_M)],
-         [merged(pdr(5, path="b"), flag="00"), merged(pdr(7, path="c", flag=0xb))]),
-    case("merged: fileset and migration state carried, six-field SHOW gives resdnt",
-         [query("b"), query("c")],
-         [pdr(5, path="b", show=show(mtime=M + ".500000", fileset="fs1", hsm="migrat")),
-          pdr(7, path="c", show=show(mtime=M + ".500000", fileset="fs2", hsm=None))],
-         [merged(pdr(5, path="b"), tail="fs1 migrat"), merged(pdr(7, path="c"), tail="fs2 resdnt")]),
-    case("server-only: head from the first scan record, negative size as is",
-         [query("a", size=-1)],
-         ["c:2f:0000000000000009:1:7f:abc:def:0:1!z:6!system;68!%s.000000 %s.000000 42 root resdnt\n" % (M, C)],
-         ["c:2f:000000000000000d:-0x1:0:abc:def:0:1!a:6!system;68!"
-          "2010-01-01 10:00:00.000000 2010-01-02 11:30:00.000000 -1 root resdnt\n"]),
-    case("query a, b, c against unsorted scan d, b; index left beside the list",
-         [query("a"), query("b", c=C2, attr=1), query("c", m=C, c=C2, size=7)], [D, B],
-         [server_only(D, "a"), merged(B, c=C2), server_only(D, "c", m=C, c=C2, size=7)],
-         expect={"scan.Sorted": index([D, B])}),
-    case("scan runs out first: the rest are server-only",
-         [query("b"), query("c"), query("e", size=0)], [B],
-         [B, server_only(B, "c"), server_only(B, "e", size=0)]),
-    case("paths with blanks sort by the whole name",
-         [query("x a b"), query("x b", attr=1), query("x b c")],
-         [pdr(2, path="x b"), pdr(1, path="x a b")],
-         [pdr(1, path="x a b"), pdr(2, path="x b"), server_only(pdr(2), "x b c")]),
-    case("an empty query file gives an empty shadow", [], [B, D], []),
-]
-
-FAILURES = [
-    case("scan list without records: no headless records", [query("a")], [], [],
+CASES = [
+    case("each row of ROWS in one walk; the index left beside the list", [r[1] for r in ROWS], SCAN, REBUILT,
+         expect={"scan.Sorted": index(SCAN)}),
+    case("an empty query file gives an empty shadow", [], [B], ""),
+    case("scan list named with a blank and a quote", [query("b", c=C2)], [B], B,
+         scan_name="my scan'list", expect={"my scan'list.Sorted": index([B])}),
+    case("scan list without records: no headless records", [query("a")], [], "",
          stderr=re.compile(r"quenby.*\n(.*\n)*"), status=NONZERO),
-    dict(case("missing query file", [], [B], None),
-         args=["rebuildshadow", "nq", "scan", "out"], status=254,
-         stderr="quenby: fopen qbs query: No such file or directory\n"
-                "quenby: rebuildShadow: could not open nq\n"
+    case("missing query file", [], [B], None, args=["rebuildshadow", "nq", "scan", "out"], status=254,
+         stderr="quenby: fopen qbs query: No such file or directory\nquenby: rebuildShadow: could not open nq\n"
                 "quenby:rebuildShadow: Failed with rc=-2\n"),
     case("the sort fails", [query("b")], [B], None, files={"failsort": "exit 1\n"},
          env={"KESTREL_SORT_OPTIONS": "sh failsort"}, status=255,
          stderr=re.compile(r"quenby: sortFile: system\(sh failsort .*\) returned 256\n"
                            r"quenby rebuildShadow : sort scan list file fail, rc = 256\n")),
-    case("malformed query line", ["1 2010-01-01\n"], [B], [], status=255,
+    case("malformed query line", ["1 2010-01-01\n"], [B], "", status=255,
          stderr="quenby: readQueryRecord: failed to parse query record line [1 2010-01-01\n]\n"
                 "quenby: rebuildShadow: failed reading QBS record, rc=-1\n"
                 "quenby:rebuildShadow: Failed with rc=-1\n"),
-    case("scan list named with a blank and a quote", [query("b", c=C2)], [B], [B],
-         scan_name="my scan'list", expect={"my scan'list.Sorted": index([B])}),
 ]
 
 
 class RebuildShadow(unittest.TestCase):
-    def test_records(self):
-        for c in RECORDS:
-            run_case(self, c)
-
-    def test_failures(self):
-        for c in FAILURES:
+    def test_rebuild(self):
+        for c in CASES:
             run_case(self, c)
 
 

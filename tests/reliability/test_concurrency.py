@@ -26,26 +26,16 @@ def client(d, p, lst, rng):
     return "%s; FAKE_SLEEP=%.2f sh %s %s%d; %s" % (stamp, rng.uniform(0.1, 0.3), FAKE, lst, p, stamp)
 
 
-def lock_range(bunch):
-    lo, hi = min(it[3] for it in bunch), max(it[3] for it in bunch)
-    return lo, hi if hi > lo else lo + 64
-
-
 def one_round(binary, d, base, db, items, rng):
     with open(os.path.join(d, "db"), "wb") as f:
         f.write(base)
-    n = len(items)
-    windows = []
-    for _ in range(PROCS):
-        w = rng.randint(n // 20, n // 4)
-        lo = rng.randrange(n - w)
-        windows.append((lo, lo + w))
-    bunches = {p: [] for p in range(PROCS)}
+    bunches = {}
+    windows = [(lo, lo + w) for w in (rng.randint(len(items) // 20, len(items) // 4) for _ in range(PROCS))
+               for lo in [rng.randrange(len(items) - w)]]
     for k, item in enumerate(items):  # each item to one process whose window holds it, or none
         owners = [p for p, (lo, hi) in enumerate(windows) if lo <= k < hi]
         if owners:
-            bunches[rng.choice(owners)].append(item)
-    bunches = {p: b for p, b in bunches.items() if b}
+            bunches.setdefault(rng.choice(owners), []).append(item)
     procs, began = {}, time.monotonic()
     try:
         for p, b in bunches.items():
@@ -62,13 +52,14 @@ def one_round(binary, d, base, db, items, rng):
             if proc.poll() is None:
                 proc.kill()
                 proc.wait(timeout=10)
-    ranges = {p: lock_range(b) for p, b in bunches.items()}
-    spans = {}
-    for p in bunches:
+    ranges, spans, denied = {}, {}, 0
+    for p, b in bunches.items():
+        lo, hi = min(it[3] for it in b), max(it[3] for it in b)
+        ranges[p] = (lo, hi if hi > lo else lo + 64)
         with open(os.path.join(d, "t%d" % p)) as f:
             t = [float(x) for x in f.read().split()]
         spans[p] = (min(t), max(t))
-    denied = 0
+        os.unlink(os.path.join(d, "t%d" % p))
     for p, b in bunches.items():
         out, err = outs[p][0].decode(), outs[p][1].decode()
         others = [q for q in bunches if q != p and ranges[q][0] < ranges[p][1] and ranges[p][0] < ranges[q][1]]
@@ -88,18 +79,14 @@ def one_round(binary, d, base, db, items, rng):
             for j, state in enumerate(FINAL[kind]):
                 want[i + j] = setflag(want[i + j], state)
     with open(os.path.join(d, "db"), "rb") as f:
-        got = f.read()
-    assert got == base[:len(base) - sum(map(len, db))] + b"".join(want), "the database is not as reported"
-    for p in bunches:
-        os.unlink(os.path.join(d, "t%d" % p))
+        assert f.read() == base[:len(base) - sum(map(len, db))] + b"".join(want), "the database is not as reported"
     return len(bunches), denied
 
 
 def main():
     binary = os.path.abspath(sys.argv[1])
     rounds = int(sys.argv[2]) if len(sys.argv) > 2 else 6
-    rng = random.Random()
-    began, runs, denied = time.monotonic(), 0, 0
+    rng, began, runs, denied = random.Random(), time.monotonic(), 0, 0
     with tempfile.TemporaryDirectory(prefix="quenby-conc-") as d:
         base, _, db, items = build(d, 4000)
         for _ in range(rounds):

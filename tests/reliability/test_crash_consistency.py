@@ -21,7 +21,7 @@ FAKE = os.path.join(HERE, "..", "e2e", "fake_client.sh")
 GEN = os.path.join(HERE, "..", "..", "bench", "gen_data.py")
 NORMAL, BACKUP, CHANGE, DELETE, EXPIRE = 0x0, 0xb, 0xc, 0xd, 0xe
 # Per kind of bunch item: the states it may be found in after a kill.
-ALLOWED = {"n": {(NORMAL,)}, "b": {(BACKUP,), (NORMAL,)}, "e": {(EXPIRE,), (DELETE,)},
+ALLOWED = {"b": {(BACKUP,), (NORMAL,)}, "e": {(EXPIRE,), (DELETE,)},
            "c": {(CHANGE, BACKUP), (DELETE, BACKUP), (DELETE, NORMAL)}}
 
 
@@ -45,8 +45,7 @@ def bigger(line):
     prefix, show = line.rsplit(b";", 1)
     f = show[show.index(b"!") + 1:-1].split(b" ")
     f[4] = b"%d" % (int(f[4]) + 1)
-    text = b" ".join(f)
-    return b"%s;%d!%s\n" % (prefix, len(text), text)
+    return b"%s;%d!%s\n" % (prefix, len(b" ".join(f)), b" ".join(f))
 
 
 def build(d, records=20000):
@@ -55,25 +54,18 @@ def build(d, records=20000):
                    check=True, stdout=subprocess.DEVNULL, timeout=60)
     with open(os.path.join(d, "shadow.old"), "rb") as f:
         lines = f.readlines()
-    hdr, db, scan, items = lines[:5], [], [], []
+    hdr, db, scan, items, at = lines[:5], [], [], [], sum(map(len, lines[:5]))
     rng = random.Random(11)
     for r in lines[5:]:
         u = rng.random() if int(r.split(b":", 8)[8].split(b"!")[0]) > 0 and not path(r).startswith(b".") else 1
         kind = "b" if u < 0.15 else "c" if u < 0.2 else "e" if u < 0.27 else "n"
         if kind != "n":
-            items.append([kind, len(db), path(r)])
-        if kind == "c":
-            db += [setflag(r, CHANGE), setflag(bigger(r), BACKUP)]
-            scan.append(bigger(r))
-        else:
-            db.append(setflag(r, {"n": NORMAL, "b": BACKUP, "e": EXPIRE}[kind]))
-            if kind != "e":
-                scan.append(r)
-    at = [sum(map(len, hdr))]
-    for r in db:
-        at.append(at[-1] + len(r))
-    for item in items:
-        item.append(at[item[1]])
+            items.append([kind, len(db), path(r), at])
+        new = [setflag(r, CHANGE), setflag(bigger(r), BACKUP)] if kind == "c" else \
+            [setflag(r, {"n": NORMAL, "b": BACKUP, "e": EXPIRE}[kind])]
+        db += new
+        at += sum(map(len, new))
+        scan += [bigger(r)] if kind == "c" else [r] if kind != "e" else []
     with open(os.path.join(d, "bunch"), "wb") as f:
         f.writelines(map(bunch_line, items))
     with open(os.path.join(d, "scan"), "wb") as f:
@@ -86,27 +78,19 @@ def bunch_line(item):
     return b"1 2 0 %s %016x x -- /fs1/%s\n" % (b"expired" if kind == "e" else b"updated", offset, p)
 
 
-def execbunch(binary, d, n):
-    env = clean_env({"KESTREL_EXPIRE_CMD": "sh %s exp" % FAKE, "KESTREL_BACKUP_CMD": "sh %s chg" % FAKE})
-    return subprocess.Popen([binary, "execbunch", "bunch", "chg", "exp", "upd", "db", str(n)], cwd=d, env=env,
-                            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
-                            start_new_session=True)
-
-
 def check_killed(text, hdr, db, items):
     """The states of the items as found; fails on anything no write sequence can give."""
-    assert len(text) == sum(map(len, hdr + db)), "the database changed its length"
     lines = text.splitlines(True)
-    assert lines[:5] == hdr and len(lines) == len(hdr) + len(db), "header or line count changed"
+    assert len(text) == len(b"".join(hdr + db)) and lines[:5] == hdr and len(lines) == len(hdr) + len(db), \
+        "the header, the length or the line count changed"
     got = lines[5:]
     for old, new in zip(db, got):
         assert setflag(new, NORMAL) == setflag(old, NORMAL) and setflag(new, flag(new)) == new, \
             "more than the flag changed:\n%r\n%r" % (old, new)
     found = [0] * len(db)
     for kind, i, p, _ in items:
-        st = tuple(flag(got[j]) for j in range(i, i + (2 if kind == "c" else 1)))
-        assert st in ALLOWED[kind], "%s record %r in states %s" % (kind, p, st)
-        found[i] = st
+        found[i] = tuple(flag(got[j]) for j in range(i, i + (2 if kind == "c" else 1)))
+        assert found[i] in ALLOWED[kind], "%s record %r in states %s" % (kind, p, found[i])
     for j, r in enumerate(got):
         if not found[j] and (j == 0 or not found[j - 1] or len(found[j - 1]) < 2):
             assert flag(r) == flag(db[j]), "record %r outside the bunch changed" % path(r)
@@ -115,23 +99,23 @@ def check_killed(text, hdr, db, items):
 
 def check_relisted(binary, d, text, found, got, items):
     """updateshadow accepts the killed database and lists again just what is undone."""
-    want_chg = sorted(p for kind, i, p, _ in items if found[i][-1] == BACKUP)
-    want_exp = sorted(p for kind, i, p, _ in items if found[i] == (EXPIRE,))
-    for name in ("new", "chg", "exp", "uns"):
+    want = {"chg": sorted(p for _, i, p, _ in items if found[i][-1] == BACKUP),
+            "exp": sorted(p for _, i, p, _ in items if found[i] == (EXPIRE,))}
+    for name in ("new", "chg", "exp", "uns"):  # the expired list is appended to
         if os.path.exists(os.path.join(d, name)):
             os.unlink(os.path.join(d, name))
     proc = subprocess.run([binary, "updateshadow", "db", "new", "scan", "chg", "exp", "uns"], cwd=d,
                           env=clean_env(), capture_output=True, timeout=60)
     out = proc.stdout.decode()
-    assert (proc.returncode, out) == (0, "::UPDATESHADOW::0::%d::%d::0::\n" % (len(want_chg), len(want_exp))), \
+    assert (proc.returncode, out) == (0, "::UPDATESHADOW::0::%d::%d::0::\n" % (len(want["chg"]), len(want["exp"]))), \
         (proc.returncode, out, proc.stderr[-2000:])
     new = open(os.path.join(d, "new"), "rb").read()
     assert DELETE not in (flag(r) for r in new.splitlines(True)[5:]), "a DELETE record was kept"
     dropped = sum(flag(r) == DELETE or path(r).startswith(b".kestrel") for r in got)  # internal ones too
     assert len(new.splitlines()) == len(got) + 5 - dropped, "records lost or duplicated"
-    for name, want in (("chg", want_chg), ("exp", want_exp)):
+    for name in ("chg", "exp"):
         listed = open(os.path.join(d, name), "rb").read().splitlines(True)
-        assert sorted(map(path, listed)) == want, "%s list differs" % name
+        assert sorted(map(path, listed)) == want[name], "%s list differs" % name
         for line in listed:  # each offset names the listed file's record
             off = int(line.rsplit(b";", 1)[1].split(b"!")[1][8:24], 16)
             assert path(new[off:new.index(b"\n", off) + 1]) == path(line), "bad offset in %s" % name
@@ -141,34 +125,30 @@ def check_relisted(binary, d, text, found, got, items):
 def main():
     binary = os.path.abspath(sys.argv[1])
     budget = float(sys.argv[2]) if len(sys.argv) > 2 else 20.0
+    env = clean_env({"KESTREL_EXPIRE_CMD": "sh %s exp" % FAKE, "KESTREL_BACKUP_CMD": "sh %s chg" % FAKE})
     with tempfile.TemporaryDirectory(prefix="quenby-crash-") as d:
         base, hdr, db, items = build(d)
-        dbpath = os.path.join(d, "db")
-        begin, runs, partial = time.monotonic(), 0, 0
-        full = None
+        begin, runs, partial, full = time.monotonic(), 0, 0, None
         while runs <= 30 or time.monotonic() - begin < budget:
-            with open(dbpath, "wb") as f:
+            with open(os.path.join(d, "db"), "wb") as f:
                 f.write(base)
             started = time.monotonic()
-            proc = execbunch(binary, d, len(items))
-            if full is not None:
+            proc = subprocess.Popen([binary, "execbunch", "bunch", "chg", "exp", "upd", "db", str(len(items))],
+                                    cwd=d, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                    stderr=subprocess.PIPE, start_new_session=True)
+            if full is not None:  # the first run is whole and sets the kill window
                 time.sleep(random.uniform(0, full * 1.1))
-                proc.send_signal(signal.SIGKILL)
                 try:
                     os.killpg(proc.pid, signal.SIGKILL)  # the client with it
                 except ProcessLookupError:
                     pass
             err = proc.communicate(timeout=60)[1]
-            if full is None:
-                full = time.monotonic() - started
-                assert proc.returncode == 0, err
-            else:
-                assert proc.returncode in (0, -signal.SIGKILL), (proc.returncode, err)
-            text = open(dbpath, "rb").read()
+            assert proc.returncode in ((0,) if full is None else (0, -signal.SIGKILL)), (proc.returncode, err)
+            full = full or time.monotonic() - started
+            text = open(os.path.join(d, "db"), "rb").read()
             found, got = check_killed(text, hdr, db, items)
             done = sum(st[-1] in (NORMAL, DELETE) for st in found if st)
-            if runs == 0:
-                assert done == len(items), "a full run left records undone"
+            assert runs > 0 or done == len(items), "a full run left records undone"
             partial += 0 < done < len(items)
             check_relisted(binary, d, text, found, got, items)
             runs += 1

@@ -20,9 +20,8 @@ INPUTS = ("db", "scan", "shadow.old", "scan.old", "bunch", "query")
 US_FAIL = r"quenby::UPDATESHADOWERR::-\d+::\d+::\d+::0::\n"
 # -107 when a list line cannot be written, -110 when only the last flush fails
 EB_FAIL = r"quenby:execBunch\(\) error -1(07|10) parsing records, skipping exec\n"
-# args, expected stdout (regex), expected text in stderr
-# A write error shows at the write that meets it, or, when everything fits
-# the stream's buffer, at the close.
+# args, stdout (regex), a part of stderr. A write error shows at the write
+# that meets it or, when everything fits the stream's buffer, at the close.
 FULL = [
     ("updateshadow db /dev/full scan chg exp uns", US_FAIL, r"output to /dev/full failed|close of /dev/full failed"),
     ("updateshadow db new scan /dev/full exp uns", US_FAIL, r"updatePDRForBackup|close of /dev/full failed"),
@@ -32,6 +31,8 @@ FULL = [
     ("execbunch bunch /dev/full exp upd db 9999", EB_FAIL, ""),
     ("execbunch bunch chg /dev/full upd db 9999", EB_FAIL, ""),
 ]
+SWEPT = ("updateshadow db new scan chg exp uns", "clustermigdiff scan.old scan chg exp",
+         "verifyshadow db scan.old rep", "execbunch bunch chg exp upd db 9999")
 
 
 def run(d, args, limit=None):
@@ -50,7 +51,7 @@ def digest(d):
     return {n: hashlib.sha1(open(os.path.join(d, n), "rb").read()).hexdigest() for n in INPUTS}
 
 
-def smallest_limit(binary, d):
+def smallest_limit(binary):
     """Smallest address-space limit (KiB) under which the program starts, or None."""
     def starts(limit):
         return subprocess.run(["/bin/sh", "-c", "ulimit -v %d; exec %s version" % (limit, shlex.quote(binary))],
@@ -59,8 +60,7 @@ def smallest_limit(binary, d):
     if not starts(hi):
         return None  # a sanitizer build reserves more than any sane limit
     while hi - lo > 8:
-        mid = (lo + hi) // 2
-        lo, hi = (lo, mid) if starts(mid) else (mid, hi)
+        lo, hi = (lo, (lo + hi) // 2) if starts((lo + hi) // 2) else ((lo + hi) // 2, hi)
     return hi
 
 
@@ -80,15 +80,12 @@ def main():
         full = run(d, [binary] + "verifyshadow db scan.old /dev/full".split())
         real = run(d, [binary] + "verifyshadow db scan.old rep".split())
         assert (full[0], full[1].replace("/dev/full", "rep")) == real[:2], (full, real)
-        floor = smallest_limit(binary, d)
+        floor = smallest_limit(binary)
         if floor is None:
-            print("%d /dev/full cases; memory limits skipped: the program does not start under ulimit -v"
-                  % (len(FULL) + 1))
+            print("%d /dev/full cases; memory limits skipped: the program does not start under ulimit -v" % len(FULL))
             return
         sweeps, fails = 0, 0
-        for args in ("updateshadow db new scan chg exp uns", "clustermigdiff scan.old scan chg exp",
-                     "verifyshadow db scan.old rep", "execbunch bunch chg exp upd db 9999"):
-            want = None
+        for args in SWEPT:
             for limit in [None] + list(range(floor, floor + 400, 40)):
                 with open(os.path.join(d, "db"), "wb") as f:  # undo what a whole execbunch run did
                     f.write(base)
@@ -96,10 +93,9 @@ def main():
                 if limit is None:
                     want = (status, out)
                     continue
-                sweeps += 1
-                if (status, out) != want:
-                    fails += 1
-                    assert status != 0 and "quenby" in out + err, (args, limit, status, out, err[-1500:])
+                sweeps, fails = sweeps + 1, fails + ((status, out) != want)
+                assert (status, out) == want or (status != 0 and "quenby" in out + err), \
+                    (args, limit, status, out, err[-1500:])
                 assert digest(d) == before or status == 0, (args, limit, "changed an input")
         print("%d /dev/full cases; %d runs under ulimit -v %d..%d KiB, %d ended in a clean failure"
               % (len(FULL) + 1, sweeps, floor, floor + 400, fails))

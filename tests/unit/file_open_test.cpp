@@ -39,19 +39,14 @@ TEST(ErrnoToPortable, WholeRangeMatchesTheFixedNumberingAlsoThroughErrno)
 TEST(CxiFopen, FailuresGivePortableCodeAndNullStream)
 {
     testutil::ScratchDir dir;
-    ASSERT_EQ(symlink(dir.file("loopB").c_str(), dir.file("loopA").c_str()), 0);
-    ASSERT_EQ(symlink(dir.file("loopA").c_str(), dir.file("loopB").c_str()), 0);
-    const std::string tooLong = dir.file(std::string(300, 'n')), loop = dir.file("loopA"), dirPath = dir.path();
+    const std::string tooLong = dir.file(std::string(300, 'n')); // ENAMETOOLONG takes a remapped number
     const struct {
-        const char *path, *mode;
+        const char* path;
         int code;
-    } rows[] = {
-        {"/nonexistent-quenby-dir/none", "r", 2}, {dirPath.c_str(), "w", 21}, {nullptr, "r", 22},
-        {tooLong.c_str(), "r", 86},              {loop.c_str(), "r", 85},
-    };
+    } rows[] = {{"/nonexistent-quenby-dir/none", 2}, {nullptr, 22}, {tooLong.c_str(), 86}};
     for (const auto& r : rows) {
         FILE* stream = reinterpret_cast<FILE*>(0x1); // must be cleared on entry
-        EXPECT_EQ(cxiFopen(r.path, r.mode, &stream, inheritNone), r.code) << (r.path ? r.path : "null");
+        EXPECT_EQ(cxiFopen(r.path, "r", &stream, inheritNone), r.code) << (r.path ? r.path : "null");
         EXPECT_EQ(stream, nullptr);
     }
 }

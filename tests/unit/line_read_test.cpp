@@ -97,18 +97,11 @@ TEST(LineRead, MatchesFgets)
         for (int size : {1, 2, 3, 17, 8192})
             for (auto [chunk, vbuf] : {std::pair<size_t, size_t>{0, 0}, {0, 1}, {0, 5}, {1, 0}, {7, 3}, {64, 0}})
                 compareReads(data, size, chunk, 0, vbuf);
-    // A read error mid-stream, the next reads going on past it; each input
-    // ends in a line feed (see the disabled test below for one that does not).
+    // A read error mid-stream, the next reads going on past it; after one, fgets
+    // still returns an unterminated last line (only an error of this call counts).
     for (int failAt : {1, 2, 4})
         for (int size : {2, 5, 64})
             compareReads("first line\n\nthird, longer line\nlast\n", size, 3, failAt, 0);
-}
-
-// After a failed read, fgets still returns an unterminated last line (only
-// an error of this call counts); fgetsLength takes the old error flag for a
-// new one and returns -1, so the line is lost.
-TEST(LineRead, ErrorOfAnEarlierCallKeepsTheLastLine)
-{
     compareReads("ab\ncd", 8, 4, 1, 0);
 }
 

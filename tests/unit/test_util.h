@@ -24,10 +24,9 @@ public:
     ScratchDir()
     {
         std::string pattern = (std::filesystem::temp_directory_path() / "quenby-test-XXXXXX").string();
-        char* made = mkdtemp(pattern.data());
-        if (made == nullptr)
+        if (mkdtemp(pattern.data()) == nullptr)
             throw std::runtime_error("mkdtemp failed");
-        path_ = made;
+        path_ = pattern;
     }
     ~ScratchDir()
     {
@@ -43,30 +42,22 @@ private:
 
 inline void writeFile(const std::string& path, const std::string& content)
 {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
 inline std::string readFile(const std::string& path)
 {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
 }
 
-inline bool fileExists(const std::string& path)
-{
-    return std::filesystem::exists(path);
-}
+inline bool fileExists(const std::string& path) { return std::filesystem::exists(path); }
 
 // Restores quenby_debug, migDiff and the fault plan, and unsets the
 // environment variables a test set, whatever way the test ends.
 class GlobalsGuard {
 public:
-    GlobalsGuard() = default;
-    GlobalsGuard(const GlobalsGuard&) = delete;
-    GlobalsGuard& operator=(const GlobalsGuard&) = delete;
     ~GlobalsGuard()
     {
         quenby_debug = 0;

@@ -5,6 +5,7 @@
 #include "test_util.h"
 
 #include <cerrno>
+#include <memory>
 #include <optional>
 
 namespace {
@@ -16,20 +17,11 @@ Text text(const char* p)
     return p == nullptr ? std::nullopt : Text(p);
 }
 
-// A read stream over `content`, closed at the end of the scope.
-struct InputStream {
-    explicit InputStream(std::string content) : data(std::move(content))
-    {
-        stream = fmemopen(data.data(), data.size(), "r");
-    }
-    ~InputStream()
-    {
-        if (stream != nullptr)
-            std::fclose(stream);
-    }
-    std::string data;
-    FILE* stream;
-};
+// A read stream over `content`, which must outlive it.
+std::unique_ptr<FILE, int (*)(FILE*)> input(std::string& content)
+{
+    return {fmemopen(content.data(), content.size(), "r"), std::fclose};
+}
 
 TEST(ParseQBSOptionLine, SplitsNameAndValue)
 {
@@ -50,8 +42,7 @@ TEST(ParseQBSOptionLine, SplitsNameAndValue)
     };
     for (const auto& row : rows) {
         std::string line = row.line;
-        char* name = &line[0];
-        char* value = &line[0];
+        char *name = line.data(), *value = line.data();
         parseQBSOptionLine(line.data(), &name, &value);
         EXPECT_EQ(text(name), row.name) << "[" << row.line << "]";
         EXPECT_EQ(text(value), row.value) << "[" << row.line << "]";
@@ -60,7 +51,7 @@ TEST(ParseQBSOptionLine, SplitsNameAndValue)
 
 TEST(ParseQBSOptions, CopyResultIsTheLastWrite)
 {
-    const std::string input = "SKIPACL: YES\nnote\nUPDATECTIME:YES\n";
+    const std::string options = "SKIPACL: YES\nnote\nUPDATECTIME:YES\n";
     const struct {
         int failNth; // 0: no fault
         bool negative;
@@ -73,14 +64,15 @@ TEST(ParseQBSOptions, CopyResultIsTheLastWrite)
     for (const auto& row : rows) {
         testutil::GlobalsGuard guard;
         testutil::ScratchDir dir;
-        InputStream in(input);
-        ASSERT_NE(in.stream, nullptr);
+        std::string text = options;
+        auto in = input(text);
+        ASSERT_NE(in, nullptr);
         FILE* copy = std::fopen(dir.file("copy").c_str(), "w");
         ASSERT_NE(copy, nullptr);
         if (row.failNth != 0)
             sysFailOn(SysCall::fwrite, row.failNth, ENOSPC);
         QBSUserOption opt{};
-        int rc = parseQBSOptions(in.stream, &opt, copy);
+        int rc = parseQBSOptions(in.get(), &opt, copy);
         std::fclose(copy);
         EXPECT_EQ(rc < 0, row.negative) << "fault " << row.failNth << " rc " << rc;
         EXPECT_EQ(testutil::readFile(dir.file("copy")), row.copied) << "fault " << row.failNth;
@@ -91,15 +83,15 @@ TEST(ParseQBSOptions, CopyResultIsTheLastWrite)
 
 TEST(ParseQBSOptions, TracesEveryLineAboveLevelThree)
 {
-    const std::string input = "SKIPACL: YES\n  \nno colon\n";
     for (int level : {3, 4}) {
         testutil::GlobalsGuard guard;
         quenby_debug = level;
-        InputStream in(input);
-        ASSERT_NE(in.stream, nullptr);
+        std::string text = "SKIPACL: YES\n  \nno colon\n";
+        auto in = input(text);
+        ASSERT_NE(in, nullptr);
         QBSUserOption opt{};
         testing::internal::CaptureStderr();
-        EXPECT_EQ(parseQBSOptions(in.stream, &opt, nullptr), 0);
+        EXPECT_EQ(parseQBSOptions(in.get(), &opt, nullptr), 0);
         EXPECT_EQ(testing::internal::GetCapturedStderr(),
                   level > 3 ? "quenby:QBS:SKIPACL: YES\nquenby:QBS:  \nquenby:QBS:no colon\n" : "");
     }
