@@ -295,9 +295,9 @@ def mode_cases():
            pdr(0x30, path=".kestrelShadow", show=nohsm), pdr(0x40, flag="0000000a")]
     converted = [reflag(r, "0" * len(r.split(":")[7]))[:-1] + " resdnt\n" for r in old]
     cases.append({"name": "conversion of an old shadow database", "args": ["updateshadow", "old", "new"],
-                  "files": {"old": header(name="CONVDB", version=1300, bdir="/gpfs/old", count=2, date=date)
+                  "files": {"old": header(name="CONVDB", version=1300, bdir="/mnt/cluster/old", count=2, date=date)
                             + "".join(old)},
-                  "expect": {"new": header(name="CONVDB", bdir="/gpfs/old", count=2, date=date) + "".join(converted)},
+                  "expect": {"new": header(name="CONVDB", bdir="/mnt/cluster/old", count=2, date=date) + "".join(converted)},
                   "stdout": ok(0, 0)})
     # Every header check, each by its code; updating falls back to a default
     # header on the same checks.

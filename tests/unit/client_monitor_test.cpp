@@ -43,7 +43,7 @@ TEST(ClientMonitor, ReportedFilesReachTheirRecords)
     testutil::ScratchDir dir;
     const std::string db = dir.file("shadow");
     offset_t at[4];
-    std::string text = "%%mshadow0%%:00_BACKUP_FILES_41:1400:/gpfs/fs1:kestrel:1:Mon Nov 23 08:20:00 2026\n";
+    std::string text = "%%mshadow0%%:00_BACKUP_FILES_41:1400:/mnt/cluster/fs1:kestrel:1:Mon Nov 23 08:20:00 2026\n";
     for (int i = 0; i < 4; ++i) {
         at[i] = static_cast<offset_t>(text.size());
         text += shadowRecord(0x20 + i, std::string(1, "bbe0"[i]), paths[i]);

@@ -137,7 +137,7 @@ TEST_F(SortCommand, OverlongPartsAreIgnoredOrRefused)
 TEST(ShellQuote, QuotesEveryWordTheShellWouldChange)
 {
     const std::pair<std::string, std::string> rows[] = {
-        {"/gpfs/fs1/.kestrel-list_1.x+y,z@w%=", "/gpfs/fs1/.kestrel-list_1.x+y,z@w%="},
+        {"/mnt/cluster/fs1/.kestrel-list_1.x+y,z@w%=", "/mnt/cluster/fs1/.kestrel-list_1.x+y,z@w%="},
         {"", "''"},
         {"it's", "'it'\\''s'"},
         {"''", "''\\'''\\'''"},

@@ -102,7 +102,7 @@ TEST(ReadPolicyRecord, BuffersGrowAndLongLinesAreReadWhole)
         {pdr("s", 1, kShowFields + " " + std::string(300, 'f') + " migrat"), "s", 32768, 20001, 510, 0, 0, "migrat"},
     };
     // Header lines are skipped wherever they stand.
-    std::string content = std::string("%%mshadow0%%:DB:1400:/gpfs:kestrel:1:date\n") + SHADOW_COMMENT_LINES;
+    std::string content = std::string("%%mshadow0%%:DB:1400:/mnt/cluster:kestrel:1:date\n") + SHADOW_COMMENT_LINES;
     for (const auto& row : rows)
         content += row.line + "%%shadow%%:03_COMMENT::1:\n";
     // The last line has no line feed and needs a larger buffer: it ends the input.

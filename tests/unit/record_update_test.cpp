@@ -22,7 +22,7 @@ std::string shadowRecord(unsigned ino, const std::string& flag, const std::strin
 namespace {
 
 using Flags = std::vector<std::string>;
-const std::string kLead = "%%mshadow0%%:00_BACKUP_FILES_41:1400:/gpfs/fs1:kestrel:1:Mon Nov 23 08:20:00 2026\n"
+const std::string kLead = "%%mshadow0%%:00_BACKUP_FILES_41:1400:/mnt/cluster/fs1:kestrel:1:Mon Nov 23 08:20:00 2026\n"
                           + shadowRecord(0x10, "e", "/fs/lead");
 
 // The tested record (and its twin) between two neighbours.

@@ -10,7 +10,7 @@
 
 namespace {
 
-const std::string kGood = "%%mshadow0%%:00_BACKUP_FILES_41:1400:/gpfs/fs1:kestrel:3:Mon Nov 23 08:20:00 2026\n";
+const std::string kGood = "%%mshadow0%%:00_BACKUP_FILES_41:1400:/mnt/cluster/fs1:kestrel:3:Mon Nov 23 08:20:00 2026\n";
 
 TEST(ShadowHeader, ParsesAndCarriesEveryField)
 {
@@ -18,7 +18,7 @@ TEST(ShadowHeader, ParsesAndCarriesEveryField)
     ASSERT_EQ(parseShadowHeader(kGood.c_str(), &h), 0);
     EXPECT_EQ(std::make_tuple(std::string(h.dbName), h.formatVersion, std::string(h.backupDir), std::string(h.toolName),
                               h.headerCount, std::string(h.creationDate)),
-              std::make_tuple("00_BACKUP_FILES_41", 1400, "/gpfs/fs1", "kestrel", 3, "Mon Nov 23 08:20:00 2026\n"));
+              std::make_tuple("00_BACKUP_FILES_41", 1400, "/mnt/cluster/fs1", "kestrel", 3, "Mon Nov 23 08:20:00 2026\n"));
     // Only the first 31 characters of the date are kept.
     std::string longDate = "%%mshadow0%%:db:1:/d:tool:1:" + std::string(40, 'x') + "\n";
     ASSERT_EQ(parseShadowHeader(longDate.c_str(), &h), 0);
@@ -85,7 +85,7 @@ TEST(ShadowHeader, ReadFailuresOfTheFirstLine)
 
 TEST(ShadowHeader, DefaultsTakeTheDirectoryOfTheOldDatabase)
 {
-    for (auto [path, dirName] : {std::pair<const char*, const char*>{"/gpfs/fs1/.kestrel/shadow", "/gpfs/fs1/.kestrel"},
+    for (auto [path, dirName] : {std::pair<const char*, const char*>{"/mnt/cluster/fs1/.kestrel/shadow", "/mnt/cluster/fs1/.kestrel"},
                                   {"shadow", "shadow"}, {"/shadow", ""}}) {
         ShadowHeader h;
         setDefaultShadowHeader(&h, path);

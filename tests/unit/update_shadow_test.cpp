@@ -11,7 +11,7 @@
 
 namespace {
 
-const std::string kHeader = "%%mshadow0%%:00_BACKUP_FILES_41:1400:/gpfs/fs1:kestrel:1:Mon Nov 23 08:20:00 2026\n"
+const std::string kHeader = "%%mshadow0%%:00_BACKUP_FILES_41:1400:/mnt/cluster/fs1:kestrel:1:Mon Nov 23 08:20:00 2026\n"
                             "%%shadow%%:03_COMMENT::1:\n"
                             "%%shadow%%:03_COMMENT::2:   This is a machine generated file.\n"
                             "%%shadow%%:03_COMMENT::3:   Do not delete or edit!\n"
