@@ -162,3 +162,45 @@ int sysSystem(const char* command)
         return -1;
     return std::system(command);
 }
+
+int sysFsync(int fd)
+{
+    if (sysShouldFail(SysCall::fsync))
+        return -1;
+    return ::fsync(fd);
+}
+
+int sysFdatasync(int fd)
+{
+    if (sysShouldFail(SysCall::fsync))
+        return -1;
+    return ::fdatasync(fd);
+}
+
+int sysRename(const char* from, const char* to)
+{
+    if (sysShouldFail(SysCall::rename))
+        return -1;
+    return ::rename(from, to);
+}
+
+int sysMkstemp(char* pattern)
+{
+    if (sysShouldFail(SysCall::create))
+        return -1;
+    return ::mkostemp(pattern, O_CLOEXEC);
+}
+
+ssize_t sysRead(int fd, void* buf, size_t count)
+{
+    if (sysShouldFail(SysCall::read))
+        return -1;
+    return ::read(fd, buf, count);
+}
+
+ssize_t sysWrite(int fd, const void* buf, size_t count)
+{
+    if (sysShouldFail(SysCall::write))
+        return -1;
+    return ::write(fd, buf, count);
+}

@@ -27,6 +27,11 @@ enum class SysCall {
     pwrite,
     lock,
     system,
+    fsync,
+    rename,
+    create,
+    read,
+    write,
     count_
 };
 
@@ -59,5 +64,12 @@ int sysPclose(FILE* pipe);
 ssize_t sysPread(int fd, void* buf, size_t count, off_t offset);
 ssize_t sysPwrite(int fd, const void* buf, size_t count, off_t offset);
 int sysSystem(const char* command);
+int sysFsync(int fd);
+int sysFdatasync(int fd);
+int sysRename(const char* from, const char* to);
+// mkstemp in the `create` slot: the temporary files of whole-file outputs.
+int sysMkstemp(char* pattern);
+ssize_t sysRead(int fd, void* buf, size_t count);
+ssize_t sysWrite(int fd, const void* buf, size_t count);
 // fcntl with a record lock request (F_SETLK, F_SETLKW, F_GETLK).
 int sysFcntlLock(int fd, int cmd, struct flock* lock);
