@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <new>
 #include <vector>
 
 namespace {
@@ -80,7 +81,7 @@ int currentUmask()
 
 int refuseSharedOutputs(const char* prefix, std::initializer_list<const char*> inputs,
                         std::initializer_list<const char*> outputs)
-{
+try {
     std::vector<std::pair<const char*, Identity>> seenInputs, seenOutputs;
     for (const char* input : inputs)
         if (input != nullptr)
@@ -104,6 +105,9 @@ int refuseSharedOutputs(const char* prefix, std::initializer_list<const char*> i
         seenOutputs.emplace_back(output, id);
     }
     return 0;
+} catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "%sno memory to compare the outputs with the inputs\n", prefix);
+    return -1;
 }
 
 int fileMode(const char* path)
@@ -131,7 +135,12 @@ int OutputFile::open(const char* path, Mode mode, int newMode)
     discard();
     if (path == nullptr)
         return 22;
-    return mode == Mode::replace ? openReplace(path, newMode) : openAppend(path);
+    try {
+        return mode == Mode::replace ? openReplace(path, newMode) : openAppend(path);
+    } catch (const std::bad_alloc&) {
+        discard();
+        return errnoToPortable(ENOMEM);
+    }
 }
 
 int OutputFile::openReplace(const char* path, int newMode)
@@ -220,15 +229,15 @@ int OutputFile::appendStaged()
     FILE* staging = file_.get();
     if (sysFflush(staging) != 0 || lseek(fileno(staging), 0, SEEK_SET) != 0)
         return EOF;
-    std::vector<char> block(SEQUENTIAL_BUFFER_SIZE);
+    char block[1 << 16];
     for (;;) {
-        ssize_t got = sysRead(fileno(staging), block.data(), block.size());
+        ssize_t got = sysRead(fileno(staging), block, sizeof block);
         if (got < 0)
             return EOF;
         if (got == 0)
             break;
         for (ssize_t done = 0; done < got;) {
-            ssize_t put = sysWrite(fileno(finalList_.get()), block.data() + done, static_cast<size_t>(got - done));
+            ssize_t put = sysWrite(fileno(finalList_.get()), block + done, static_cast<size_t>(got - done));
             if (put <= 0)
                 return EOF;
             done += put;

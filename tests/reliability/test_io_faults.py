@@ -23,10 +23,10 @@ EB_FAIL = r"quenby:execBunch\(\) error -1(07|10) parsing records, skipping exec\
 # args, stdout (regex), a part of stderr. A write error shows at the write
 # that meets it or, when everything fits the stream's buffer, at the close.
 FULL = [
-    ("updateshadow db /dev/full scan chg exp uns", US_FAIL, r"output to /dev/full failed|close of /dev/full failed"),
-    ("updateshadow db new scan /dev/full exp uns", US_FAIL, r"updatePDRForBackup|close of /dev/full failed"),
-    ("updateshadow db new scan chg /dev/full uns", US_FAIL, r"updatePDRForExpire|close of /dev/full failed"),
-    ("clustermigdiff scan.old scan /dev/full exp", r"quenby::CLUSTERMIGDIFFERR::-\d+::\d+::\d+::0::\n", "quenby"),
+    ("updateshadow db /dev/full scan chg exp uns", US_FAIL, r"output to /dev/full failed|\A\Z"),
+    ("updateshadow db new scan /dev/full exp uns", US_FAIL, r"updatePDRForBackup|\A\Z"),
+    ("updateshadow db new scan chg /dev/full uns", US_FAIL, r"updatePDRForExpire|\A\Z"),
+    ("clustermigdiff scan.old scan /dev/full exp", r"quenby::CLUSTERMIGDIFFERR::-\d+::\d+::\d+::0::\n", r"updatePDRFor|\A\Z"),
     ("rebuildshadow query scan /dev/full .", "", r"writing merged record fail|db file I/O error"),
     ("execbunch bunch /dev/full exp upd db 9999", EB_FAIL, ""),
     ("execbunch bunch chg /dev/full upd db 9999", EB_FAIL, ""),
