@@ -624,10 +624,12 @@ int updateShadow(const char* oldShadowFile, const char* newShadowFile, const cha
 
     int result = run.execute();
     result = run.files.closeAll(result);
-    if (unsuppFile != nullptr && !run.counts.unsupportedWritten
+    // A failed run removes nothing: an unused list may still hold an
+    // earlier run's lines.
+    if (result == 0 && unsuppFile != nullptr && !run.counts.unsupportedWritten
         && removableList(unsuppFile, {oldShadowFile, newShadowFile, listFile, changedFile, expiredFile, hsmMigFile}))
         sysUnlink(unsuppFile);
-    if (hsmMigFile != nullptr && run.counts.hsm == 0
+    if (result == 0 && hsmMigFile != nullptr && run.counts.hsm == 0
         && removableList(hsmMigFile, {oldShadowFile, newShadowFile, listFile, changedFile, expiredFile, unsuppFile}))
         sysUnlink(hsmMigFile);
     return printMergeResult("UPDATESHADOW", result, run.counts);
