@@ -88,7 +88,7 @@ CASES = [
     case("an empty query file gives an empty shadow", [], [B], ""),
     case("scan list named with a blank and a quote", [query("b", c=C2)], [B], B,
          scan_name="my scan'list", expect={"my scan'list.Sorted": index([B])}),
-    case("scan list without records: no headless records", [query("a")], [], "",
+    case("scan list without records: no headless records", [query("a")], [], None,
          stderr=re.compile(r"quenby.*\n(.*\n)*"), status=NONZERO),
     case("missing query file", [], [B], None, args=["rebuildshadow", "nq", "scan", "out"], status=254,
          stderr="quenby: fopen qbs query: No such file or directory\nquenby: rebuildShadow: could not open nq\n"
@@ -97,7 +97,7 @@ CASES = [
          env={"KESTREL_SORT_OPTIONS": "sh failsort"}, status=255,
          stderr=re.compile(r"quenby: sortFile: system\(sh failsort .*\) returned 256\n"
                            r"quenby rebuildShadow : sort scan list file fail, rc = 256\n")),
-    case("malformed query line", ["1 2010-01-01\n"], [B], "", status=255,
+    case("malformed query line", ["1 2010-01-01\n"], [B], None, status=255,
          stderr="quenby: readQueryRecord: failed to parse query record line [1 2010-01-01\n]\n"
                 "quenby: rebuildShadow: failed reading QBS record, rc=-1\n"
                 "quenby:rebuildShadow: Failed with rc=-1\n"),
