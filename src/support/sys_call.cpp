@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 bool sysFaultsArmed = false;
@@ -203,4 +205,46 @@ ssize_t sysWrite(int fd, const void* buf, size_t count)
     if (sysShouldFail(SysCall::write))
         return -1;
     return ::write(fd, buf, count);
+}
+
+int sysPipe(int fds[2])
+{
+    if (sysShouldFail(SysCall::pipe))
+        return -1;
+    return ::pipe2(fds, O_CLOEXEC);
+}
+
+FILE* sysFopencookie(void* cookie, const char* mode, cookie_io_functions_t functions)
+{
+    if (sysShouldFail(SysCall::pipe))
+        return nullptr;
+    return ::fopencookie(cookie, mode, functions);
+}
+
+pid_t sysFork()
+{
+    if (sysShouldFail(SysCall::fork))
+        return -1;
+    return ::fork();
+}
+
+int sysPoll(struct pollfd* fds, nfds_t count, int timeoutMs)
+{
+    if (sysShouldFail(SysCall::poll))
+        return -1;
+    return ::poll(fds, count, timeoutMs);
+}
+
+pid_t sysWaitpid(pid_t pid, int* status, int options)
+{
+    if (sysShouldFail(SysCall::pclose))
+        return -1;
+    return ::waitpid(pid, status, options);
+}
+
+int sysKill(pid_t pid, int signal)
+{
+    if (sysShouldFail(SysCall::kill))
+        return -1;
+    return ::kill(pid, signal);
 }

@@ -55,7 +55,7 @@ TEST(ClientMonitor, ReportedFilesReachTheirRecords)
     // An empty command stands for none at all; `first`: the record that opens the range.
     struct Case {
         const char* name; std::string command, out, flags, errHas = ""; bool expire = false, oldFormat = false;
-        int first = 0, result = 0; SysCall fault = SysCall::count_;
+        int first = 0, result = 0; SysCall fault = SysCall::count_; int timeout = 0;
     } cases[] = {
         {"sent", printer(sent), one, "0be0"},
         {"unchanged", printer("Normal File--> 9 /fs/a/b [Unchanged]\n"), one, "0be0"},
@@ -82,6 +82,15 @@ TEST(ClientMonitor, ReportedFilesReachTheirRecords)
         {"cannot start", "true", "quenby: execAndMonitor() backup command true could not be run\n" + failed, "bbe0",
          "", false, false, 0, -1, SysCall::popen},
         {"no command", "", "quenby:execAndMonitor() null exec cmd\n" + failed, "bbe0", "", false, false, 0, -1},
+        // Rewrites that a crash could still lose: the run is no success.
+        {"rewrites not durable", printer(sent),
+         "quenby: execAndMonitor() sync of the shadow database failed (err=11)\n::EXECANDMONITOR::1::0::-1::\n", "0be0",
+         "", false, false, 0, -1, SysCall::fsync},
+        {"with a time limit", printer(sent) + "; exit 4",
+         "quenby: execAndMonitor() backup command close returned 1024\n::EXECANDMONITOR::1::0::1024::\n", "0be0", "",
+         false, false, 0, 1024, SysCall::count_, 30},
+        {"cannot start with a time limit", "true", "quenby: execAndMonitor() backup command true could not be run\n"
+         + failed, "bbe0", "", false, false, 0, -1, SysCall::fork, 30},
     };
     ASSERT_TRUE(allocUpdateBuffers());
     for (const Case& c : cases) {
@@ -98,7 +107,7 @@ TEST(ClientMonitor, ReportedFilesReachTheirRecords)
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
         EXPECT_EQ(execAndMonitor(c.command.empty() ? nullptr : c.command.c_str(), f, c.expire ? "expire" : "backup",
-                                 c.expire ? 0xd : 0x0, at[c.first], at[3]),
+                                 c.expire ? 0xd : 0x0, at[c.first], at[3], c.timeout),
                   c.result);
         std::fclose(f);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), c.out);
