@@ -89,21 +89,6 @@ private:
 
 // Refuses a list file or shadow database named as the bunch file or as
 // each other, before anything is opened: the run would destroy an input.
-// The shared check reports on stderr; execbunch's messages belong on
-// standard output, where the driver reads them (glibc's stderr is a plain
-// variable).
-int refuseSharedNames(const char* inList, const char* outChange, const char* outExpire,
-                      const char* outStateChange, const char* shadowDB)
-{
-    std::fflush(stdout);
-    std::fflush(stderr);
-    FILE* const errors = stderr;
-    stderr = stdout;
-    int rc = refuseSharedOutputs("quenby:execBunch(): ", {inList}, {shadowDB, outChange, outExpire, outStateChange});
-    stderr = errors;
-    return rc;
-}
-
 // The update buffers, freed on every way out.
 struct UpdateBuffers {
     ~UpdateBuffers() { freeUpdateBuffers(); }
@@ -175,7 +160,9 @@ int runBunch(const char* inList, const char* outChange, const char* outExpire, c
     }
     // After the buffers: a run that short of memory must fail there, not in
     // the check, whose failed allocation could not even be reported.
-    if (refuseSharedNames(inList, outChange, outExpire, outStateChange, shadowDB) != 0)
+    // execbunch's messages go to standard output, where the driver reads them.
+    if (refuseSharedOutputs(stdout, "quenby:execBunch(): ", {inList}, {shadowDB, outChange, outExpire, outStateChange})
+        != 0)
         return -1;
     const bool locking = std::getenv("KESTREL_LOCK_SHADOW") != nullptr && !oldFormatExpiry;
     const int clientTimeout = clientTimeoutSetting();

@@ -355,7 +355,7 @@ int rebuildShadow(const char* qbsFile, const char* fsListFile, const char* outSh
     // output would overwrite an input or another output.
     char pathName[kNameSize];
     std::snprintf(pathName, sizeof pathName, "%s.path", fsListFile);
-    if (refuseSharedOutputs("quenby: rebuildShadow: ", {qbsFile, fsListFile}, {pathName, sortedName, outShadow}) != 0)
+    if (refuseSharedOutputs(stderr, "quenby: rebuildShadow: ", {qbsFile, fsListFile}, {pathName, sortedName, outShadow}) != 0)
         return -1;
     char* expireData = nullptr;
     int sorted = sortPDRListByPathname(fsListFile, sortedName, &expireData, sortDir);

@@ -435,7 +435,7 @@ int verifyShadow(const char* shadowFile, const char* prepListFile, const char* o
     } else if (!nameReport(reportName, outputFile, std::time(nullptr))) {
         std::fprintf(stderr, "quenby::VERIFYSHADOW::1::report file name too long: %s\n", outputFile);
         result = -1;
-    } else if (refuseSharedOutputs("quenby::VERIFYSHADOW::1::", {shadowFile, prepListFile, qbsQueryFile},
+    } else if (refuseSharedOutputs(stderr, "quenby::VERIFYSHADOW::1::", {shadowFile, prepListFile, qbsQueryFile},
                                    {queryMode ? pathName : nullptr, queryMode ? sortedName : nullptr, reportName})
                    != 0
                || openSequential(v.shadow, shadowFile, "r", kCannotRead) != 0

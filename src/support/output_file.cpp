@@ -79,7 +79,7 @@ int currentUmask()
 
 } // namespace
 
-int refuseSharedOutputs(const char* prefix, std::initializer_list<const char*> inputs,
+int refuseSharedOutputs(FILE* messages, const char* prefix, std::initializer_list<const char*> inputs,
                         std::initializer_list<const char*> outputs)
 try {
     std::vector<std::pair<const char*, Identity>> seenInputs, seenOutputs;
@@ -92,13 +92,13 @@ try {
         Identity id = identify(output);
         for (const auto& [name, other] : seenInputs) {
             if (id == other) {
-                std::fprintf(stderr, "%soutput %s is the input %s\n", prefix, output, name);
+                std::fprintf(messages, "%soutput %s is the input %s\n", prefix, output, name);
                 return -1;
             }
         }
         for (const auto& [name, other] : seenOutputs) {
             if (id == other) {
-                std::fprintf(stderr, "%soutput %s is also the output %s\n", prefix, output, name);
+                std::fprintf(messages, "%soutput %s is also the output %s\n", prefix, output, name);
                 return -1;
             }
         }
@@ -106,7 +106,7 @@ try {
     }
     return 0;
 } catch (const std::bad_alloc&) {
-    std::fprintf(stderr, "%sno memory to compare the outputs with the inputs\n", prefix);
+    std::fprintf(messages, "%sno memory to compare the outputs with the inputs\n", prefix);
     return -1;
 }
 
@@ -195,27 +195,26 @@ int OutputFile::openAppend(const char* path)
     if (int err = cxiFopen(path, "a", &stream, inheritNone))
         return err;
     struct stat st;
-    if (fstat(fileno(stream), &st) != 0 || !S_ISREG(st.st_mode)) {
+    char resolved[PATH_MAX];
+    if (fstat(fileno(stream), &st) != 0 || !S_ISREG(st.st_mode) || realpath(path, resolved) == nullptr) {
         file_ = StdioFile(stream);
         file_.setBuffer(SEQUENTIAL_BUFFER_SIZE);
         return 0;
     }
+    std::fclose(stream);
     // The lines wait in a file without a name, so that a killed run leaves
-    // nothing behind.
-    finalList_ = StdioFile(stream);
-    std::string pattern = directoryOf(path) + "/." + baseOf(path) + ".quenby-XXXXXX";
+    // nothing behind; at the end the list is rewritten with them and
+    // renamed over itself, so that it never holds half a run's lines.
+    finalPath_ = resolved;
+    std::string pattern = directoryOf(finalPath_) + "/." + baseOf(finalPath_) + ".quenby-XXXXXX";
     int fd = sysMkstemp(pattern.data());
-    if (fd < 0) {
-        int err = cxiErrnoChecked();
-        discard();
-        return err;
-    }
+    if (fd < 0)
+        return cxiErrnoChecked();
     ::unlink(pattern.c_str());
     FILE* staging = fdopen(fd, "w+");
     if (staging == nullptr) {
         int err = cxiErrnoChecked();
         ::close(fd);
-        discard();
         return err;
     }
     file_ = StdioFile(staging);
@@ -224,26 +223,56 @@ int OutputFile::openAppend(const char* path)
     return 0;
 }
 
+namespace {
+
+int copyAll(int from, int to)
+{
+    char block[1 << 16];
+    for (;;) {
+        ssize_t got = sysRead(from, block, sizeof block);
+        if (got <= 0)
+            return static_cast<int>(got);
+        for (ssize_t done = 0; done < got;) {
+            ssize_t put = sysWrite(to, block + done, static_cast<size_t>(got - done));
+            if (put <= 0)
+                return -1;
+            done += put;
+        }
+    }
+}
+
+} // namespace
+
 int OutputFile::appendStaged()
 {
     FILE* staging = file_.get();
     if (sysFflush(staging) != 0 || lseek(fileno(staging), 0, SEEK_SET) != 0)
         return EOF;
-    char block[1 << 16];
-    for (;;) {
-        ssize_t got = sysRead(fileno(staging), block, sizeof block);
-        if (got < 0)
-            return EOF;
-        if (got == 0)
-            break;
-        for (ssize_t done = 0; done < got;) {
-            ssize_t put = sysWrite(fileno(finalList_.get()), block + done, static_cast<size_t>(got - done));
-            if (put <= 0)
-                return EOF;
-            done += put;
-        }
+    int list = ::open(finalPath_.c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat st;
+    if (list < 0 || fstat(list, &st) != 0) {
+        if (list >= 0)
+            ::close(list);
+        return EOF;
     }
-    return sysFsync(fileno(finalList_.get())) == 0 ? 0 : EOF;
+    tempPath_ = directoryOf(finalPath_) + "/." + baseOf(finalPath_) + ".quenby-XXXXXX";
+    int out = sysMkstemp(tempPath_.data());
+    if (out < 0) {
+        tempPath_.clear();
+        ::close(list);
+        return EOF;
+    }
+    // The list keeps its mode, and its owner where the caller may give it
+    // away; otherwise the caller owns the new file.
+    int owned = fchown(out, st.st_uid, st.st_gid);
+    (void)owned;
+    bool written = fchmod(out, st.st_mode & 07777) == 0 && copyAll(list, out) == 0
+                   && copyAll(fileno(staging), out) == 0 && sysFsync(out) == 0;
+    ::close(list);
+    if (::close(out) != 0 || !written || sysRename(tempPath_.c_str(), finalPath_.c_str()) != 0)
+        return EOF;
+    tempPath_.clear();
+    return syncDirectoryOf(finalPath_) == 0 ? 0 : EOF;
 }
 
 int OutputFile::commit()
@@ -277,7 +306,6 @@ int OutputFile::discard()
         errno = saved;
         tempPath_.clear();
     }
-    int finalRc = finalList_.close();
     staged_ = false;
-    return rc != 0 ? rc : finalRc;
+    return rc;
 }

@@ -14,9 +14,9 @@
 // device and inode, or for a name that does not exist yet the same resolved
 // path. Files that are not regular (/dev/null, a pipe) may be named more
 // than once. Prints `prefix` + "output X is the input Y\n" (or "... is also
-// the output Y") and returns -1; 0 when every output stands alone. Null
-// names are passed over.
-int refuseSharedOutputs(const char* prefix, std::initializer_list<const char*> inputs,
+// the output Y") to `messages` and returns -1; 0 when every output stands
+// alone. Null names are passed over.
+int refuseSharedOutputs(FILE* messages, const char* prefix, std::initializer_list<const char*> inputs,
                         std::initializer_list<const char*> outputs);
 
 // One output file. A regular file (or a name that does not exist yet) is
@@ -56,9 +56,8 @@ private:
     int appendStaged();
 
     StdioFile file_;  // what the run writes to
-    StdioFile finalList_; // append: the final list, opened at the start
     std::string finalPath_;
-    std::string tempPath_; // replace: the temporary file's name
+    std::string tempPath_; // the new file, renamed over the final name at the end
     bool staged_ = false;
 };
 

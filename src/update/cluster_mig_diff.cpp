@@ -191,7 +191,7 @@ int Run::execute(int maxExpirePercent)
     }
     if (openSequential(oldList, oldListFile, "r", kCannotRead) != 0
         || openSequential(newList, newListFile, "r", kCannotRead) != 0
-        || refuseSharedOutputs("quenby::CLUSTERMIGDIFFERR::1::", {oldListFile, newListFile},
+        || refuseSharedOutputs(stderr, "quenby::CLUSTERMIGDIFFERR::1::", {oldListFile, newListFile},
                                {changedFile, expiredFile}) != 0
         || openOutput(changed, changedFile) != 0 || openOutput(expired, expiredFile) != 0)
         return -1;

@@ -499,7 +499,7 @@ int Run::openFiles()
     auto ifScan = [scanFiles](const char* name) { return scanFiles ? name : nullptr; };
     if (openSequential(files.oldShadow, oldShadowFile, "r", kCannotRead) != 0)
         return -1;
-    if (refuseSharedOutputs("quenby::UPDATESHADOWERR::1::", {oldShadowFile, ifScan(listFile)},
+    if (refuseSharedOutputs(stderr, "quenby::UPDATESHADOWERR::1::", {oldShadowFile, ifScan(listFile)},
                             {newShadowFile, ifScan(changedFile), expiredFile, ifScan(unsuppFile), ifScan(hsmMigFile)})
         != 0)
         return -1;

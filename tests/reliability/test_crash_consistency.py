@@ -126,7 +126,7 @@ def check_relisted(binary, d, text, found, got, items):
 
 def without_date(text):
     first, _, rest = text.partition(b"\n")
-    return first.rsplit(b":", 1)[0] + rest
+    return b":".join(first.split(b":", 6)[:6]) + rest
 
 
 def kill_updateshadow(binary, kills=20):
