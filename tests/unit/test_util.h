@@ -1,5 +1,4 @@
-// Helpers shared by the unit tests: scratch directories, whole-file reads
-// and writes, and a guard that restores the program's globals.
+// Helpers shared by the unit tests.
 #pragma once
 
 #include "cli/dispatch.h"
@@ -7,37 +6,50 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
-#include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
-#include <unistd.h>
 
 namespace testutil {
 
-// A fresh directory under the system temporary directory, removed at the end.
-class ScratchDir {
-public:
-    ScratchDir()
-    {
-        std::string pattern = (std::filesystem::temp_directory_path() / "quenby-test-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr)
-            throw std::runtime_error("mkdtemp failed");
-        path_ = pattern;
-    }
-    ~ScratchDir()
-    {
-        std::error_code ec;
-        std::filesystem::remove_all(path_, ec);
-    }
-    std::string file(const std::string& name) const { return (path_ / name).string(); }
-    const std::filesystem::path& path() const { return path_; }
+inline const std::string kShowFields = "2010-01-01 10:00:00.000000 2010-01-02 11:30:00.000000 42";
+inline const std::string kShow = kShowFields + " root resdnt";
+inline const std::string kDbHeader =
+    "%%mshadow0%%:00_BACKUP_FILES_41:1400:/mnt/cluster/fs1:kestrel:1:Mon Nov 23 08:20:00 2026\n";
 
-private:
-    std::filesystem::path path_;
+// The fields of a record line; a negative `pathLen` marks an escaped path.
+struct Rec {
+    unsigned long long ino = 0xabcd;
+    unsigned gen = 1;
+    std::string flag = "0", path = "a/b/c", show = kShow;
+    int pathLen = INT_MIN;
+};
+
+inline std::string record(const Rec& r)
+{
+    char ids[64];
+    std::snprintf(ids, sizeof ids, "0:0:%016llx:%x:0:0:0:", r.ino, r.gen);
+    const int len = r.pathLen == INT_MIN ? static_cast<int>(r.path.size()) : r.pathLen;
+    return ids + r.flag + ":" + std::to_string(len) + "!" + r.path + ":6!system;"
+           + std::to_string(r.show.size()) + "!" + r.show + "\n";
+}
+
+struct ScratchDir {
+    std::filesystem::path path = [] {
+        std::string pattern = (std::filesystem::temp_directory_path() / "quenby-test-XXXXXX").string();
+        EXPECT_NE(mkdtemp(pattern.data()), nullptr);
+        return pattern;
+    }();
+    ~ScratchDir() { std::error_code ec; std::filesystem::remove_all(path, ec); }
+    std::string file(const std::string& name) const { return (path / name).string(); }
 };
 
 inline void writeFile(const std::string& path, const std::string& content)
@@ -52,28 +64,30 @@ inline std::string readFile(const std::string& path)
     return text.str();
 }
 
-inline bool fileExists(const std::string& path) { return std::filesystem::exists(path); }
+template <typename F>
+std::string stderrOf(F&& f)
+{
+    testing::internal::CaptureStderr();
+    f();
+    return testing::internal::GetCapturedStderr();
+}
 
-// Restores quenby_debug, migDiff and the fault plan, and unsets the
-// environment variables a test set, whatever way the test ends.
-class GlobalsGuard {
-public:
+// Restores the program's globals and environment however a test ends.
+struct GlobalsGuard {
+    std::vector<std::string> env;
     ~GlobalsGuard()
     {
         quenby_debug = 0;
         migDiff = 0;
         sysFaultsClear();
-        for (const std::string& name : env_)
+        for (const std::string& name : env)
             unsetenv(name.c_str());
     }
     void setEnv(const std::string& name, const std::string& value)
     {
         setenv(name.c_str(), value.c_str(), 1);
-        env_.push_back(name);
+        env.push_back(name);
     }
-
-private:
-    std::vector<std::string> env_;
 };
 
 } // namespace testutil
