@@ -10,7 +10,6 @@ import os
 import subprocess
 import tempfile
 import time
-import unittest
 
 import e2e_util
 from test_rebuildshadow import index, query
@@ -49,38 +48,32 @@ CASES = [
 ]
 
 
-class SafetyRebuild(unittest.TestCase):
-    def test_cases(self):
-        for c in CASES:
-            e2e_util.run_case(self, c)
-
-    def test_default_report_name_taken_by_a_link(self):
-        with tempfile.TemporaryDirectory(prefix="quenby-e2e-") as d:
-            for name, text in (("shadow", SHADOW), ("prep", A)):
-                e2e_util.write_text(os.path.join(d, name), text)
-            target = os.path.join(d, "target")
-            # The run names its report after the second it starts in.
-            now = time.time()
-            links = {time.strftime("/tmp/quenby.verifyShadow.%Y%m%d.%H%M%S", time.localtime(now + s))
-                     for s in range(4)}
-            made = []
-            try:
-                for link in links:
-                    try:
-                        os.symlink(target, link)
-                        made.append(link)
-                    except FileExistsError:  # another run's report: as much in the way
-                        pass
-                proc = subprocess.run([e2e_util.BINARY, "verifyshadow", "shadow", "prep", "NONE"], cwd=d,
-                                      env=e2e_util.clean_env(), capture_output=True, timeout=60)
-            finally:
-                for link in made:
-                    os.remove(link)
-            self.assertEqual((proc.returncode, proc.stdout), (255, b"::VERIFYSHADOW::-1::0::0::\n"))
-            self.assertRegex(proc.stderr.decode(), r"\Aquenby::VERIFYSHADOW::1::could not open "
-                             r"/tmp/quenby\.verifyShadow\.\d{8}\.\d{6} for write \(error=17\)\n\Z")
-            self.assertFalse(os.path.lexists(target), "the report was written through the link")
+def default_report_name_taken_by_a_link(test):
+    with tempfile.TemporaryDirectory(prefix="quenby-e2e-") as d:
+        e2e_util.write_files(d, {"shadow": SHADOW, "prep": A})
+        target = os.path.join(d, "target")
+        # The run names its report after the second it starts in.
+        now = time.time()
+        links = {time.strftime("/tmp/quenby.verifyShadow.%Y%m%d.%H%M%S", time.localtime(now + s))
+                 for s in range(4)}
+        made = []
+        try:
+            for link in links:
+                try:
+                    os.symlink(target, link)
+                    made.append(link)
+                except FileExistsError:  # another run's report: as much in the way
+                    pass
+            proc = subprocess.run([e2e_util.BINARY, "verifyshadow", "shadow", "prep", "NONE"], cwd=d,
+                                  env=e2e_util.clean_env(), capture_output=True, timeout=60)
+        finally:
+            for link in made:
+                os.remove(link)
+        test.assertEqual((proc.returncode, proc.stdout), (255, b"::VERIFYSHADOW::-1::0::0::\n"))
+        test.assertRegex(proc.stderr.decode(), r"\Aquenby::VERIFYSHADOW::1::could not open "
+                         r"/tmp/quenby\.verifyShadow\.\d{8}\.\d{6} for write \(error=17\)\n\Z")
+        test.assertFalse(os.path.lexists(target), "the report was written through the link")
 
 
 if __name__ == "__main__":
-    e2e_util.main()
+    e2e_util.main(CASES, None, default_report_name_taken_by_a_link)

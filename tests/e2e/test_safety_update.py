@@ -6,7 +6,6 @@ refused or failed run leaves the outputs as they were."""
 import os
 import stat
 import tempfile
-import unittest
 
 import e2e_util
 from test_updateshadow import OLD_HDR, pdr
@@ -55,23 +54,16 @@ CASES = [
 ]
 
 
-class SafetyTest(unittest.TestCase):
-    def test_cases(self):
-        for c in CASES:
-            e2e_util.run_case(self, c)
-
-    def test_within_the_limit_the_new_database_keeps_the_old_mode(self):
-        with tempfile.TemporaryDirectory(prefix="quenby-e2e-") as d:
-            for name, text in dict(old=OLD_HDR + A + B, scan=A).items():
-                with open(os.path.join(d, name), "w") as f:
-                    f.write(text)
-            os.chmod(os.path.join(d, "old"), 0o640)
-            proc = e2e_util.subprocess.run([e2e_util.BINARY] + US, cwd=d, capture_output=True,
-                                           env=e2e_util.clean_env({"QUENBY_MAX_EXPIRE_PERCENT": "50"}))
-            self.assertEqual((proc.returncode, proc.stdout), (0, b"::UPDATESHADOW::0::0::1::0::\n"))
-            self.assertEqual(stat.S_IMODE(os.stat(os.path.join(d, "new")).st_mode), 0o640)
-            self.assertEqual([n for n in os.listdir(d) if n.startswith(".")], [], "a temporary file was left")
+def within_the_limit_the_new_database_keeps_the_old_mode(test):
+    with tempfile.TemporaryDirectory(prefix="quenby-e2e-") as d:
+        e2e_util.write_files(d, {"old": OLD_HDR + A + B, "scan": A})
+        os.chmod(os.path.join(d, "old"), 0o640)
+        proc = e2e_util.subprocess.run([e2e_util.BINARY] + US, cwd=d, capture_output=True,
+                                       env=e2e_util.clean_env({"QUENBY_MAX_EXPIRE_PERCENT": "50"}))
+        test.assertEqual((proc.returncode, proc.stdout), (0, b"::UPDATESHADOW::0::0::1::0::\n"))
+        test.assertEqual(stat.S_IMODE(os.stat(os.path.join(d, "new")).st_mode), 0o640)
+        test.assertEqual([n for n in os.listdir(d) if n.startswith(".")], [], "a temporary file was left")
 
 
 if __name__ == "__main__":
-    e2e_util.main()
+    e2e_util.main(CASES, None, within_the_limit_the_new_database_keeps_the_old_mode)
