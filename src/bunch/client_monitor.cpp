@@ -8,7 +8,16 @@
 #include "support/line_read.h"
 #include "support/sys_call.h"
 
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -140,7 +149,159 @@ void Monitor::arrowReport(char* text)
         fileReport(text, {" /", 1, " [Sent]", successState_});
 }
 
+// A client started in its own process group, so that a run past its
+// deadline is ended together with whatever it left running; its output is
+// read through a stream that ends at the deadline, also when a background
+// process still holds the pipe open.
+class TimedClient {
+public:
+    explicit TimedClient(int seconds) : deadline_(Clock::now() + std::chrono::seconds(seconds)) {}
+    TimedClient(const TimedClient&) = delete;
+    TimedClient& operator=(const TimedClient&) = delete;
+    ~TimedClient() { close(); }
+
+    // false when the client could not be started.
+    bool start(const char* command);
+    FILE* get() const { return stream_; }
+    bool timedOut() const { return timedOut_; }
+    // Closes the output and waits for the shell, ending its whole group at
+    // the deadline; the shell's wait status, or -1 when waiting failed.
+    int close();
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    static ssize_t readOutput(void* self, char* buf, size_t size);
+    static int closeOutput(void* self);
+    int msLeft() const;
+    void endGroup(pid_t pid);
+
+    Clock::time_point deadline_;
+    pid_t pid_ = -1;
+    int fd_ = -1;
+    FILE* stream_ = nullptr;
+    bool timedOut_ = false;
+};
+
+// The child's side of the start, as popen does it: the shell with its
+// standard output on the pipe. Only calls that are safe after fork.
+[[noreturn]] void runShell(const char* command, int out)
+{
+    setpgid(0, 0);
+    // A pipe end that is already descriptor 1 must only lose close-on-exec.
+    int ready = out == STDOUT_FILENO ? fcntl(out, F_SETFD, 0) : dup2(out, STDOUT_FILENO);
+    if (ready >= 0)
+        execl("/bin/sh", "sh", "-c", command, static_cast<char*>(nullptr));
+    _exit(127);
+}
+
+bool TimedClient::start(const char* command)
+{
+    int fds[2];
+    if (sysPipe(fds) != 0)
+        return false;
+    fd_ = fds[0];
+    stream_ = sysFopencookie(this, "r", {&TimedClient::readOutput, nullptr, nullptr, &TimedClient::closeOutput});
+    if (stream_ == nullptr) {
+        ::close(std::exchange(fd_, -1));
+        ::close(fds[1]);
+        return false;
+    }
+    pid_t pid = sysFork();
+    if (pid == 0)
+        runShell(command, fds[1]);
+    ::close(fds[1]);
+    if (pid < 0)
+        return false;
+    // Also here, so that the group exists whichever side runs first.
+    setpgid(pid, pid);
+    pid_ = pid;
+    return true;
+}
+
+int TimedClient::msLeft() const
+{
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline_ - Clock::now()).count();
+    return left <= 0 ? 0 : left >= INT_MAX ? INT_MAX : static_cast<int>(left);
+}
+
+ssize_t TimedClient::readOutput(void* self, char* buf, size_t size)
+{
+    auto* client = static_cast<TimedClient*>(self);
+    for (;;) {
+        int left = client->msLeft();
+        if (left == 0) {
+            client->timedOut_ = true;
+            return 0; // the monitor sees the end of the output
+        }
+        struct pollfd output {client->fd_, POLLIN, 0};
+        int ready = sysPoll(&output, 1, left);
+        if (ready == 0 || (ready < 0 && errno == EINTR))
+            continue;
+        if (ready < 0)
+            return -1;
+        ssize_t got = sysRead(client->fd_, buf, size);
+        if (got >= 0 || errno != EINTR)
+            return got;
+    }
+}
+
+int TimedClient::closeOutput(void* self)
+{
+    auto* client = static_cast<TimedClient*>(self);
+    return ::close(std::exchange(client->fd_, -1));
+}
+
+void TimedClient::endGroup(pid_t pid)
+{
+    if (sysKill(-pid, SIGKILL) != 0)
+        sysKill(pid, SIGKILL); // the shell had no group of its own yet
+}
+
+int TimedClient::close()
+{
+    if (stream_ != nullptr)
+        sysFclose(std::exchange(stream_, nullptr));
+    if (pid_ < 0)
+        return 0;
+    const pid_t pid = std::exchange(pid_, -1);
+    // Past the deadline the group goes even when the shell has ended: what
+    // it left running holds the output open. The unreaped shell keeps the
+    // group's number from being reused.
+    if (timedOut_)
+        endGroup(pid);
+    int status = 0;
+    for (long nap = 1;; nap = nap < 64 ? nap * 2 : nap) {
+        pid_t got = sysWaitpid(pid, &status, timedOut_ ? 0 : WNOHANG);
+        if (got == pid)
+            return status;
+        if (got < 0 && errno != EINTR) {
+            endGroup(pid); // nothing may run on that cannot be waited for
+            return -1;
+        }
+        int left = msLeft();
+        if (got == 0 && left == 0) {
+            timedOut_ = true;
+            endGroup(pid);
+            continue;
+        }
+        struct timespec pause {0, (nap < left ? nap : left) * 1000000L};
+        nanosleep(&pause, nullptr);
+    }
+}
+
 } // namespace
+
+int clientTimeoutSetting()
+{
+    const char* text = std::getenv("QUENBY_CLIENT_TIMEOUT");
+    if (text == nullptr || *text < '0' || *text > '9')
+        return 0;
+    errno = 0;
+    char* end = nullptr;
+    long seconds = std::strtol(text, &end, 10);
+    return *end == '\0' && errno == 0 && seconds > 0 && seconds <= INT_MAX ? static_cast<int>(seconds) : 0;
+}
 
 void monitorClientOutput(FILE* output, FILE* shadow, const char* label, int successState, offset_t firstOffset,
                          offset_t lastOffset, HeapBuf& buf, MonitorCounts& counts)
@@ -178,7 +339,7 @@ void monitorClientOutput(FILE* output, FILE* shadow, const char* label, int succ
 }
 
 int execAndMonitor(const char* command, FILE* shadow, const char* label, int successState, offset_t firstOffset,
-                   offset_t lastOffset)
+                   offset_t lastOffset, int timeoutSeconds)
 {
     if (quenby_debug > 0)
         std::fprintf(stderr, "quenby:execAndMonitor(%s for %s between %lld and %lld)\n",
@@ -201,17 +362,44 @@ int execAndMonitor(const char* command, FILE* shadow, const char* label, int suc
     // What was printed before must not be repeated by a child's copy.
     std::fflush(stdout);
     std::fflush(stderr);
-    FILE* pipe = sysPopen(command, "r");
-    if (pipe == nullptr) {
-        std::printf("quenby: execAndMonitor() %s command %s could not be run\n", label, command);
-        return resultLine(0, 0, -1);
-    }
-    PipeStream client(pipe);
+    const long long writtenBefore = shadowLinesWritten();
     MonitorCounts counts;
-    monitorClientOutput(client.get(), shadow, label, successState, firstOffset, lastOffset, buf, counts);
-
-    int status = client.close();
+    auto monitor = [&](FILE* output) {
+        monitorClientOutput(output, shadow, label, successState, firstOffset, lastOffset, buf, counts);
+    };
+    int status = 0;
+    if (timeoutSeconds > 0) {
+        TimedClient client(timeoutSeconds);
+        if (!client.start(command)) {
+            std::printf("quenby: execAndMonitor() %s command %s could not be run\n", label, command);
+            return resultLine(0, 0, -1);
+        }
+        monitor(client.get());
+        status = client.close();
+        if (client.timedOut()) {
+            std::printf("quenby: execAndMonitor() %s command timed out after %d seconds\n", label, timeoutSeconds);
+            // A shell that had ended well left behind a process that was
+            // killed: the run fails as a killed one does.
+            if (status == 0)
+                status = SIGKILL;
+        }
+    } else {
+        FILE* pipe = sysPopen(command, "r");
+        if (pipe == nullptr) {
+            std::printf("quenby: execAndMonitor() %s command %s could not be run\n", label, command);
+            return resultLine(0, 0, -1);
+        }
+        PipeStream client(pipe);
+        monitor(client.get());
+        status = client.close();
+    }
     if (status != 0)
         std::printf("quenby: execAndMonitor() %s command close returned %d\n", label, status);
+    // The driver takes the result line as done: the records it counts must
+    // survive a crash of the machine.
+    if (shadow != nullptr && shadowLinesWritten() != writtenBefore && sysFdatasync(fileno(shadow)) != 0) {
+        std::printf("quenby: execAndMonitor() sync of the shadow database failed (err=%d)\n", cxiErrnoChecked());
+        status = -1;
+    }
     return resultLine(counts.updated, counts.failed, status);
 }

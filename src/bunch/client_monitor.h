@@ -9,9 +9,14 @@
 
 // Runs `command` through the shell and monitors its output. Prints
 // "::EXECANDMONITOR::<updated>::<failed>::<status>::" last; returns the
-// command's wait status, or -1 when it could not be started.
+// command's wait status, or -1 when it could not be started or the records
+// it had rewritten could not be made durable. With `timeoutSeconds` > 0 a
+// run that lasts longer is ended, with every process of its group.
 int execAndMonitor(const char* command, FILE* shadow, const char* label, int successState, offset_t firstOffset,
-                   offset_t lastOffset);
+                   offset_t lastOffset, int timeoutSeconds = 0);
+
+// QUENBY_CLIENT_TIMEOUT: whole seconds > 0, else 0 (no limit).
+int clientTimeoutSetting();
 
 struct MonitorCounts {
     int updated = 0;

@@ -8,6 +8,7 @@
 #include "support/consistency.h"
 #include "support/file_open.h"
 #include "support/file_stream.h"
+#include "support/output_file.h"
 #include "support/sys_call.h"
 
 #include <cstdint>
@@ -86,10 +87,50 @@ private:
     int fd_ = -1;
 };
 
+// Refuses a list file or shadow database named as the bunch file or as
+// each other, before anything is opened: the run would destroy an input.
 // The update buffers, freed on every way out.
 struct UpdateBuffers {
     ~UpdateBuffers() { freeUpdateBuffers(); }
 };
+
+// Opens the shadow database for the in-place rewrites; false when it
+// cannot be opened.
+bool openShadow(const char* shadowDB, StdioFile& shadow)
+{
+    FILE* stream = nullptr;
+    cxiFopen(shadowDB, "r+", &stream, inheritNone);
+    if (stream == nullptr) {
+        std::printf("quenby:execBunch():could not open shadowDB %s\n", shadowDB);
+        return false;
+    }
+    // Records are read and rewritten with positioned calls on the
+    // descriptor; the stream's own buffer is never used.
+    std::setvbuf(stream, nullptr, _IONBF, 0);
+    shadow = StdioFile(stream);
+    return true;
+}
+
+// Runs the commands whose lists were written; the status of the last one.
+int runCommands(int mask, FILE* shadow, offset_t firstOffset, offset_t lastOffset, int clientTimeout)
+{
+    int result = 0;
+    for (const ClientCommand& cmd : commands) {
+        if ((mask & cmd.bit) == 0)
+            continue;
+        if (cmd.bit != BUNCH_LIST_EXPIRE)
+            quenbyCheck(expireOldFormat == 0, "expireOldFormat == 0");
+        const char* command = std::getenv(cmd.variable);
+        if (command == nullptr) {
+            std::printf("quenby: execBunch() %s command not provided in exec\n", cmd.label);
+            continue;
+        }
+        if (quenby_debug > 1)
+            std::fprintf(stderr, cmd.debugFormat, command);
+        result = execAndMonitor(command, shadow, cmd.label, cmd.successState, firstOffset, lastOffset, clientTimeout);
+    }
+    return result;
+}
 
 int runBunch(const char* inList, const char* outChange, const char* outExpire, const char* outStateChange,
              const char* shadowDB, int bunchSize, const char* removePath, StdioFile& shadow)
@@ -117,7 +158,14 @@ int runBunch(const char* inList, const char* outChange, const char* outExpire, c
         std::fputs("quenby:execBunch(): memory allocation failure\n", stdout);
         return -1;
     }
+    // After the buffers: a run that short of memory must fail there, not in
+    // the check, whose failed allocation could not even be reported.
+    // execbunch's messages go to standard output, where the driver reads them.
+    if (refuseSharedOutputs(stdout, "quenby:execBunch(): ", {inList}, {shadowDB, outChange, outExpire, outStateChange})
+        != 0)
+        return -1;
     const bool locking = std::getenv("KESTREL_LOCK_SHADOW") != nullptr && !oldFormatExpiry;
+    const int clientTimeout = clientTimeoutSetting();
 
     offset_t firstOffset = 0;
     offset_t lastOffset = 0;
@@ -128,18 +176,8 @@ int runBunch(const char* inList, const char* outChange, const char* outExpire, c
         return mask;
     }
 
-    if (!oldFormatExpiry) {
-        FILE* stream = nullptr;
-        cxiFopen(shadowDB, "r+", &stream, inheritNone);
-        if (stream == nullptr) {
-            std::printf("quenby:execBunch():could not open shadowDB %s\n", shadowDB);
-            return 101;
-        }
-        // Records are read and rewritten with positioned calls on the
-        // descriptor; the stream's own buffer is never used.
-        std::setvbuf(stream, nullptr, _IONBF, 0);
-        shadow = StdioFile(stream);
-    }
+    if (!oldFormatExpiry && !openShadow(shadowDB, shadow))
+        return 101;
 
     ShadowLock lock;
     if (locking) {
@@ -159,21 +197,7 @@ int runBunch(const char* inList, const char* outChange, const char* outExpire, c
                          shadowDB);
     }
 
-    int result = 0;
-    for (const ClientCommand& cmd : commands) {
-        if ((mask & cmd.bit) == 0)
-            continue;
-        if (cmd.bit != BUNCH_LIST_EXPIRE)
-            quenbyCheck(expireOldFormat == 0, "expireOldFormat == 0");
-        const char* command = std::getenv(cmd.variable);
-        if (command == nullptr) {
-            std::printf("quenby: execBunch() %s command not provided in exec\n", cmd.label);
-            continue;
-        }
-        if (quenby_debug > 1)
-            std::fprintf(stderr, cmd.debugFormat, command);
-        result = execAndMonitor(command, shadow.get(), cmd.label, cmd.successState, firstOffset, lastOffset);
-    }
+    int result = runCommands(mask, shadow.get(), firstOffset, lastOffset, clientTimeout);
 
     if (lock.held()) {
         lock.release();

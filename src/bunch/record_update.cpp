@@ -43,6 +43,8 @@ struct Window {
     size_t len = 0;
 } window;
 
+long long linesWritten = 0;
+
 // The whole line at `offset` from the window, filling it there first when
 // the line is not in it: 1, or -1 when the read fails. 0 when the line is
 // longer than the window, reaches the end of the file or is a header line:
@@ -119,6 +121,7 @@ int readRecordAt(int fd, offset_t offset, Record& rec, bool& eof)
 // Rewrites the line in the buffer over itself.
 bool writeLineAt(int fd, const Record& rec)
 {
+    ++linesWritten; // even a failed write may have reached the file
     size_t done = 0;
     while (done < rec.len) {
         ssize_t put = sysPwrite(fd, ulineP + done, rec.len - done, static_cast<off_t>(rec.offset) + static_cast<off_t>(done));
@@ -146,6 +149,11 @@ RecordReadWindow::~RecordReadWindow()
 {
     std::free(window.bytes);
     window = Window{};
+}
+
+long long shadowLinesWritten()
+{
+    return linesWritten;
 }
 
 bool allocUpdateBuffers()

@@ -34,6 +34,10 @@ public:
     RecordReadWindow& operator=(const RecordReadWindow&) = delete;
 };
 
+// Record lines written over themselves by this process so far: a client
+// run that wrote any makes them durable before it reports.
+long long shadowLinesWritten();
+
 // Records what the client reported for the file whose record starts at
 // `offset`: 0x0 done, 0xd expired, 0xb failed. `slot` is its path index
 // slot. 0 when updated or nothing was needed, else the failing step's code.

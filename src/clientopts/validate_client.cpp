@@ -3,6 +3,7 @@
 #include "cli/dispatch.h"
 #include "support/file_open.h"
 #include "support/file_stream.h"
+#include "support/output_file.h"
 #include "support/sys_call.h"
 
 #include <cerrno>
@@ -133,6 +134,8 @@ int validateQBSClient(const char* masterOptionFile, const char* nodeOptionFile, 
     if (quenby_debug > 1)
         std::fprintf(stderr, "quenby: query user option command: %s\n", command);
 
+    if (refuseSharedOutputs(stderr, "quenby: validateQBSClient: ", {masterOptionFile}, {nodeOptionFile}) != 0)
+        return 102;
     FILE* stream = nullptr;
     cxiFopen(masterOptionFile, "r", &stream, inheritNone);
     if (stream == nullptr) {

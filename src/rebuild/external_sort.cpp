@@ -10,7 +10,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 const char* predefinedSortCommand = "LC_ALL=C /bin/sort";
 
@@ -47,7 +49,34 @@ char* constructExpireData(const char* line)
     return block;
 }
 
+// The sort opens its output by name and would write where a link points.
+bool isSymlink(const char* path)
+{
+    struct stat st;
+    return lstat(path, &st) == 0 && S_ISLNK(st.st_mode);
+}
+
 } // namespace
+
+int createNoFollow(const char* path, bool exclusive, FILE** streamOut)
+{
+    *streamOut = nullptr;
+    // In the fopen slot of the fault seam, as the opens it stands for.
+    if (sysShouldFail(SysCall::fopen))
+        return cxiErrnoChecked();
+    int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | (exclusive ? O_EXCL : O_TRUNC);
+    int fd = ::open(path, flags, 0666);
+    if (fd < 0)
+        return cxiErrnoChecked();
+    FILE* stream = fdopen(fd, "w");
+    if (stream == nullptr) {
+        int err = cxiErrnoChecked();
+        ::close(fd);
+        return err;
+    }
+    *streamOut = stream;
+    return 0;
+}
 
 int sortFile(const char* inFile, const char* outFile, const char* tempDir, const char* sortOptions)
 {
@@ -63,11 +92,11 @@ int sortFile(const char* inFile, const char* outFile, const char* tempDir, const
     line += ' ';
     line += sortOptions != nullptr ? sortOptions : "";
     line += " -T ";
-    appendShellWord(line, tempDir != nullptr ? tempDir : "/tmp");
+    appendShellFileName(line, tempDir != nullptr ? tempDir : "/tmp");
     line += " -o ";
-    appendShellWord(line, outFile);
+    appendShellFileName(line, outFile);
     line += ' ';
-    appendShellWord(line, inFile);
+    appendShellFileName(line, inFile);
     line += " > /dev/null";
     if (line.size() >= SORT_COMMAND_MAX) {
         std::fprintf(stderr, "quenby: sortFile: the sort command line for %s is longer than %d bytes\n", inFile,
@@ -93,6 +122,10 @@ int sortPDRListByPathname(const char* listFile, const char* sortedFile, char** e
         std::fprintf(stderr, "quenby: sortPDRListByPathname: list name too long: %s\n", listFile);
         return -1;
     }
+    if (isSymlink(sortedFile)) {
+        std::fprintf(stderr, "quenby: sortPDRListByPathname: %s is a symbolic link; not written\n", sortedFile);
+        return -1;
+    }
     PolicyRecord rec;
     if (!rec.allocate()) {
         std::fputs("PROGRAM: sortPDRListByPathname: failed to allocate memory\n", stderr);
@@ -111,7 +144,7 @@ int sortPDRListByPathname(const char* listFile, const char* sortedFile, char** e
     // A stream positioned once knows its offset from then on, so that
     // asking it for the offset of every record costs no system call.
     sysFseeko(stream, 0, SEEK_SET);
-    cxiFopen(indexName, "w", &stream, inheritNone);
+    createNoFollow(indexName, false, &stream);
     if (stream == nullptr) {
         systemError("quenby: fopen tmp shadow file");
         std::fprintf(stderr, "quenby: sortPDRListByPathname: could not open %s\n", indexName);

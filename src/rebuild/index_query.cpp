@@ -6,6 +6,7 @@
 #include "support/line_read.h"
 #include "support/sys_call.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -137,5 +138,22 @@ int readQueryRecord(FILE* stream, char** lineBuf, int* lineBufSize, char** pathB
         std::fprintf(stderr, "quenby:readQueryRecord: len=%d, pathname=%s, size=%lld\n", pathLen, *pathBuf,
                      static_cast<long long>(rec->fileSize));
     rec->pathLen = pathLen;
+    return 0;
+}
+
+int QueryOrder::next(const char* path, const char* prefix, const char* file)
+{
+    ++line_;
+    if (line_ > 1 && std::strcmp(path, last_.ptr) < 0) {
+        std::fprintf(stderr, "%s%s line %ld: the query file is not sorted by path\n", prefix, file, line_);
+        return -1;
+    }
+    size_t len = std::strlen(path);
+    if (len >= static_cast<size_t>(last_.size)
+        && !resizeBuffer(&last_.ptr, &last_.size, std::max(static_cast<long long>(len) + 1, 2LL * last_.size))) {
+        std::fprintf(stderr, "%sfailed to allocate memory\n", prefix);
+        return -1;
+    }
+    std::memcpy(last_.ptr, path, len + 1);
     return 0;
 }

@@ -2,6 +2,8 @@
 // verification: the sorted index of a PDR list and the server query file.
 #pragma once
 
+#include "support/file_stream.h"
+
 #include <cstdint>
 #include <cstdio>
 
@@ -25,3 +27,17 @@ int readIndexFile(FILE* stream, char** pathBuf, int* pathBufSize, long long* off
 // memory, 22 a path longer than 4096 bytes.
 int readQueryRecord(FILE* stream, char** lineBuf, int* lineBufSize, char** pathBuf, int* pathBufSize,
                     queryRecord* rec, unsigned int* eof);
+
+// The query file's order, checked as it is read: a walk that merges it by
+// path would otherwise go wrong without a word on a line out of order.
+class QueryOrder {
+public:
+    // Counts the next line. 0 when its path does not sort below the one
+    // before; otherwise prints `prefix` + "<file> line <n>: the query file
+    // is not sorted by path" (or that memory ran out) and returns -1.
+    int next(const char* path, const char* prefix, const char* file);
+
+private:
+    HeapBuf last_;
+    long line_ = 0;
+};

@@ -8,6 +8,7 @@
 #include "records/record_edit.h"
 #include "support/file_open.h"
 #include "support/file_stream.h"
+#include "support/output_file.h"
 #include "support/sys_call.h"
 
 #include <cerrno>
@@ -118,12 +119,15 @@ struct Files {
     StdioFile query;
     StdioFile index;
     StdioFile scan;
-    StdioFile out;
+    OutputFile out; // put in place only when the whole run succeeded
 };
 
 class Rebuild {
 public:
-    Rebuild(Files& files, const char* expireData) : f_(files), expireData_(expireData) {}
+    Rebuild(Files& files, const char* queryName, const char* expireData)
+        : f_(files), queryName_(queryName), expireData_(expireData)
+    {
+    }
 
     bool allocate()
     {
@@ -137,13 +141,16 @@ public:
 private:
     int readQuery() { return readQueryRecord(f_.query.get(), &queryLine_.ptr, &queryLine_.size, &queryPath_.ptr,
                                              &queryPath_.size, &query_, &queryEof_); }
+    int nextQuery(bool inTail);
     int readIndex() { return readIndexFile(f_.index.get(), &indexPath_.ptr, &indexPath_.size, &indexOffset_, &indexEof_); }
     int writeServerOnly();
     int writeMergedRecord();
     bool put(const std::string& text) { return sysFwrite(text.data(), text.size(), f_.out.get()) == text.size(); }
 
     Files& f_;
+    const char* queryName_;
     const char* expireData_;
+    QueryOrder order_;
     HeapBuf queryLine_, scanLine_, queryPath_, indexPath_, show_;
     queryRecord query_{};
     unsigned int queryEof_ = 0;
@@ -157,10 +164,8 @@ int Rebuild::walk()
 {
     bool indexPending = false;
     for (;;) {
-        if (int rc = readQuery()) {
-            std::fprintf(stderr, "quenby: rebuildShadow: failed reading QBS record, rc=%d\n", rc);
+        if (int rc = nextQuery(false))
             return rc;
-        }
         if (!indexPending) {
             if (int rc = readIndex()) {
                 std::fputs("quenby: rebuildShadow: failed reading list record\n", stderr);
@@ -175,10 +180,8 @@ int Rebuild::walk()
                 do {
                     if (int rc = writeServerOnly())
                         return rc;
-                    if (int rc = readQuery()) {
-                        std::fprintf(stderr, "quenby:rebuildShadow: readQueryRecord rc=%d\n", rc);
+                    if (int rc = nextQuery(true))
                         return rc;
-                    }
                 } while (!queryEof_);
                 return 0;
             }
@@ -207,6 +210,20 @@ int Rebuild::walk()
             break;
         }
     }
+}
+
+// The next query record. A line whose path sorts below the one before it
+// ends the run: the walk would pair the wrong records without a word.
+int Rebuild::nextQuery(bool inTail)
+{
+    if (int rc = readQuery()) {
+        if (inTail)
+            std::fprintf(stderr, "quenby:rebuildShadow: readQueryRecord rc=%d\n", rc);
+        else
+            std::fprintf(stderr, "quenby: rebuildShadow: failed reading QBS record, rc=%d\n", rc);
+        return rc;
+    }
+    return queryEof_ ? 0 : order_.next(queryPath_.ptr, "quenby: rebuildShadow: ", queryName_);
 }
 
 // A record for a file that only the server holds, headed by the expire
@@ -334,6 +351,12 @@ int rebuildShadow(const char* qbsFile, const char* fsListFile, const char* outSh
         std::fprintf(stderr, "quenby: rebuildShadow: scan list name too long: %s\n", fsListFile);
         return -1;
     }
+    // Nothing is written, not even the index beside the scan list, when an
+    // output would overwrite an input or another output.
+    char pathName[kNameSize];
+    std::snprintf(pathName, sizeof pathName, "%s.path", fsListFile);
+    if (refuseSharedOutputs(stderr, "quenby: rebuildShadow: ", {qbsFile, fsListFile}, {pathName, sortedName, outShadow}) != 0)
+        return -1;
     char* expireData = nullptr;
     int sorted = sortPDRListByPathname(fsListFile, sortedName, &expireData, sortDir);
     if (sorted != 0) {
@@ -345,7 +368,7 @@ int rebuildShadow(const char* qbsFile, const char* fsListFile, const char* outSh
     Files files;
     int result = 0;
     {
-        Rebuild rebuild(files, expireData);
+        Rebuild rebuild(files, qbsFile, expireData);
         if (!rebuild.allocate()) {
             std::fputs("quenby: rebuildShadow: failed to allocate memory\n", stderr);
             result = -1;
@@ -354,22 +377,19 @@ int rebuildShadow(const char* qbsFile, const char* fsListFile, const char* outSh
         } else if (openInput(files.index, sortedName, "quenby: fopen fs scan", kStreamBufferSize) != 0
                    || openInput(files.scan, fsListFile, "quenby: fopen fs scan", 0) != 0) {
             result = -3;
+        } else if (files.out.open(outShadow, OutputFile::Mode::replace) != 0) {
+            systemError("quenby: fopen out shadow");
+            std::fprintf(stderr, "quenby: rebuildShadow: could not open %s\n", outShadow);
+            result = -4;
         } else {
-            FILE* stream = nullptr;
-            cxiFopen(outShadow, "w", &stream, inheritNone);
-            if (stream == nullptr) {
-                systemError("quenby: fopen out shadow");
-                std::fprintf(stderr, "quenby: rebuildShadow: could not open %s\n", outShadow);
-                result = -4;
-            } else {
-                files.out = StdioFile(stream);
-                files.out.setBuffer(kStreamBufferSize);
-                result = rebuild.walk();
-            }
+            result = rebuild.walk();
         }
     }
 
-    int closed[4] = {files.query.close(), files.scan.close(), files.index.close(), files.out.close()};
+    int closed[4] = {files.query.close(), files.scan.close(), files.index.close(), 0};
+    // A failed run leaves the out shadow as it was, or absent.
+    bool good = result == 0 && closed[0] == 0 && closed[1] == 0 && closed[2] == 0;
+    closed[3] = good ? files.out.commit() : files.out.discard();
     std::free(expireData);
     if (closed[0] != 0 || closed[1] != 0 || closed[2] != 0 || closed[3] != 0) {
         std::fprintf(stderr, "quenby:rebuildShadow: db file I/O error [0%d 0%d 0%d 0%d]\n", closed[0], closed[1],

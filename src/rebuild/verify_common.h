@@ -30,6 +30,7 @@ struct VerifyContext {
     PolicyRecord shadowRec;
     bool shadowExamined = false;
     VerifyCounts counts;
+    int reportError = 0; // the error code of the first finding not written
 
     // Writes one finding to the report file.
     void reportLine(const char* format, ...) __attribute__((format(printf, 2, 3)));

@@ -19,7 +19,10 @@ struct FreeDeleter {
 
 class QueryWalk {
 public:
-    QueryWalk(VerifyContext& v, FILE* index, FILE* query) : v_(v), index_(index), query_(query) {}
+    QueryWalk(VerifyContext& v, FILE* index, FILE* query, const char* queryName)
+        : v_(v), index_(index), query_(query), queryName_(queryName)
+    {
+    }
     bool allocate()
     {
         return queryLine_.allocate(kQueryLineSize) && queryPath_.allocate(PDR_PATH_BUF_SIZE)
@@ -32,10 +35,14 @@ private:
     {
         int rc = readQueryRecord(query_, &queryLine_.ptr, &queryLine_.size, &queryPath_.ptr, &queryPath_.size, &q_,
                                  &queryEof_);
-        if (rc != 0)
+        if (rc != 0) {
             std::fprintf(stderr, "quenby:VERIFYSHADOW::1::failed reading QBS QueryShadow record, rc=%d\n", rc);
-        return rc;
+            return rc;
+        }
+        return checkOrder();
     }
+    // A query line out of path order would be reported as missing files.
+    int checkOrder() { return queryEof_ ? 0 : order_.next(queryPath_.ptr, "quenby:VERIFYSHADOW::1::", queryName_); }
     int advanceShadow()
     {
         fetched_ = false;
@@ -57,6 +64,8 @@ private:
     VerifyContext& v_;
     FILE* index_;
     FILE* query_;
+    const char* queryName_;
+    QueryOrder order_;
     HeapBuf queryLine_, queryPath_, indexPath_;
     queryRecord q_{};
     unsigned int queryEof_ = 0;
@@ -194,7 +203,7 @@ int QueryWalk::queryTail()
         }
         int rc = readQueryRecord(query_, &queryLine_.ptr, &queryLine_.size, &queryPath_.ptr, &queryPath_.size, &q_,
                                  &queryEof_);
-        if (rc != 0)
+        if (rc != 0 || (rc = checkOrder()) != 0)
             return rc;
     }
     return 0;
@@ -217,7 +226,7 @@ int verifyQueryWalk(VerifyContext& v, const char* qbsQueryFile, const char* sort
     if (openSequential(index, sortedIndexName, "r", kCannotRead) != 0
         || openSequential(query, qbsQueryFile, "r", kCannotRead) != 0)
         return -1;
-    QueryWalk walk(v, index.get(), query.get());
+    QueryWalk walk(v, index.get(), query.get(), qbsQueryFile);
     if (!walk.allocate()) {
         std::fputs("quenby::VERIFYSHADOW::1::failed to allocate memory\n", stderr);
         return -1;

@@ -1,9 +1,11 @@
 #include "rebuild/verify_shadow.h"
 
 #include "cli/dispatch.h"
+#include "rebuild/external_sort.h"
 #include "rebuild/verify_common.h"
 #include "records/record_edit.h"
 #include "support/file_open.h"
+#include "support/output_file.h"
 #include "support/sys_call.h"
 
 #include <cstdarg>
@@ -16,7 +18,8 @@ namespace {
 
 constexpr int kNameSize = 4096;
 inline constexpr char kCannotRead[] = "quenby::VERIFYSHADOW::1::could not open %s for read (error=%d)\n";
-inline constexpr char kCannotWrite[] = "quenby::VERIFYSHADOW::1::could not open %s for write (error=%d)\n";constexpr int kShadowVersion = 1400;
+inline constexpr char kCannotWrite[] = "quenby::VERIFYSHADOW::1::could not open %s for write (error=%d)\n";
+constexpr int kShadowVersion = 1400;
 
 bool isNone(const char* name)
 {
@@ -38,6 +41,7 @@ private:
     void setPending();
     void countFlag(int flag);
     void onlyInShadow();
+    bool examine();
     int shadowDrain();
     int listDrain();
 
@@ -111,6 +115,50 @@ void ListWalk::onlyInShadow()
     }
 }
 
+// Examines a new shadow record: its HSM state and record flag. False when
+// it is not to be compared with the list record (CHANGE, DELETE, EXPIRE,
+// an unknown flag).
+bool ListWalk::examine()
+{
+    const PolicyRecord& s = v_.shadowRec;
+    const PolicyRecord& l = listRec_;
+    v_.checkHsmState();
+    const int flag = s.state;
+    if (flag == PDR_CHANGE) {
+        pendingCheck();
+        setPending();
+        v_.reportLine("File with CHANGE flag: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+        ++v_.counts.change;
+        return false;
+    }
+    if (flag == PDR_DELETE || flag == PDR_EXPIRE) {
+        if (s.ino == l.ino && std::strcmp(s.path.ptr, l.path.ptr) == 0) {
+            pendingCheck();
+            setPending();
+        }
+        if (flag == PDR_DELETE) {
+            ++v_.counts.deleted;
+        } else {
+            ++v_.counts.expire;
+            v_.reportLine("File with EXPIRE flag: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+        }
+        return false;
+    }
+    if (flag != PDR_NORMAL && flag != PDR_BACKUP && flag != PDR_METACH) {
+        v_.reportLine("Record flag is UNKNOWN: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+        ++v_.counts.wrongFlag;
+        return false;
+    }
+    countFlag(flag);
+    if (lastIno_ != 0 && lastIno_ != s.ino) {
+        v_.reportLine("Check lastIno failed: lastIno %016llx lastPath %s currIno %016llx\n",
+                      (unsigned long long)lastIno_, lastPath_.ptr, (unsigned long long)s.ino);
+        ++v_.counts.invalid;
+    }
+    v_.shadowExamined = true;
+    return true;
+}
+
 int ListWalk::run()
 {
     PolicyRecord& s = v_.shadowRec;
@@ -127,48 +175,10 @@ int ListWalk::run()
             std::fprintf(stderr, "quenby::verifyShadow(list %x shadow %x) comparing \n %s %s\n", l.state, s.state,
                          l.line.ptr, s.line.ptr);
 
-        if (!v_.shadowExamined) {
-            v_.checkHsmState();
-            const int flag = s.state;
-            if (flag == PDR_CHANGE) {
-                pendingCheck();
-                setPending();
-                v_.reportLine("File with CHANGE flag: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
-                ++v_.counts.change;
-                if ((rc = readShadow()))
-                    return rc;
-                continue;
-            }
-            if (flag == PDR_DELETE || flag == PDR_EXPIRE) {
-                if (s.ino == l.ino && std::strcmp(s.path.ptr, l.path.ptr) == 0) {
-                    pendingCheck();
-                    setPending();
-                }
-                if (flag == PDR_DELETE) {
-                    ++v_.counts.deleted;
-                } else {
-                    ++v_.counts.expire;
-                    v_.reportLine("File with EXPIRE flag: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
-                }
-                if ((rc = readShadow()))
-                    return rc;
-                continue;
-            }
-            if (flag == PDR_NORMAL || flag == PDR_BACKUP || flag == PDR_METACH) {
-                countFlag(flag);
-                if (lastIno_ != 0 && lastIno_ != s.ino) {
-                    v_.reportLine("Check lastIno failed: lastIno %016llx lastPath %s currIno %016llx\n",
-                                  (unsigned long long)lastIno_, lastPath_.ptr, (unsigned long long)s.ino);
-                    ++v_.counts.invalid;
-                }
-                v_.shadowExamined = true;
-            } else {
-                v_.reportLine("Record flag is UNKNOWN: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
-                ++v_.counts.wrongFlag;
-                if ((rc = readShadow()))
-                    return rc;
-                continue;
-            }
+        if (!v_.shadowExamined && !examine()) {
+            if ((rc = readShadow()))
+                return rc;
+            continue;
         }
 
         if (s.ino < l.ino) {
@@ -318,13 +328,59 @@ int checkHeader(VerifyContext& v)
     return 0;
 }
 
+// The report's name: the one given, or the default one stamped with `start`.
+bool nameReport(char (&name)[kNameSize], const char* outputFile, time_t start)
+{
+    if (!isNone(outputFile))
+        return std::snprintf(name, sizeof name, "%s", outputFile) < kNameSize;
+    struct tm local;
+    localtime_r(&start, &local);
+    std::snprintf(name, sizeof name, "/tmp/quenby.verifyShadow.%4d%02d%02d.%02d%02d%02d", local.tm_year + 1900,
+                  local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+    return true;
+}
+
+// A report named by the caller is created or emptied; the default one, in a
+// directory everyone may write to, only as a new file, never through a link.
+int openReport(StdioFile& report, const char* name, bool byDefault)
+{
+    if (!byDefault)
+        return openSequential(report, name, "w", kCannotWrite);
+    FILE* stream = nullptr;
+    int err = createNoFollow(name, true, &stream);
+    if (stream == nullptr) {
+        std::fprintf(stderr, kCannotWrite, name, err);
+        return -1;
+    }
+    report = StdioFile(stream);
+    report.setBuffer(SEQUENTIAL_BUFFER_SIZE);
+    return 0;
+}
+
+// Closes the report; -1 when a finding did not reach it.
+int closeReport(VerifyContext& v, const char* name)
+{
+    if (!v.report)
+        return 0;
+    int err = v.reportError;
+    if (err == 0 && std::ferror(v.report.get()))
+        err = -1;
+    if (v.report.close() != 0 && err == 0)
+        err = cxiErrnoChecked();
+    if (err == 0)
+        return 0;
+    std::fprintf(stderr, "quenby::VERIFYSHADOW::1::write to %s failed (error=%d)\n", name, err);
+    return -1;
+}
+
 } // namespace
 
 void VerifyContext::reportLine(const char* format, ...)
 {
     va_list args;
     va_start(args, format);
-    std::vfprintf(report.get(), format, args);
+    if (std::vfprintf(report.get(), format, args) < 0 && reportError == 0)
+        reportError = cxiErrnoChecked();
     va_end(args);
 }
 
@@ -364,49 +420,47 @@ int verifyShadow(const char* shadowFile, const char* prepListFile, const char* o
     StdioFile prepList;
     ListWalk walk(v);
     char sortedName[kNameSize];
+    char pathName[kNameSize]; // the unsorted index the sort step writes first
     char reportName[kNameSize];
     int result = 0;
     bool walked = false;
 
-    if (queryMode && std::snprintf(sortedName, sizeof sortedName, "%s.Sorted", shadowFile) >= kNameSize) {
+    if (queryMode && (std::snprintf(sortedName, sizeof sortedName, "%s.Sorted", shadowFile) >= kNameSize
+                      || std::snprintf(pathName, sizeof pathName, "%s.path", shadowFile) >= kNameSize)) {
         std::fprintf(stderr, "quenby::VERIFYSHADOW::1::shadow file name too long: %s\n", shadowFile);
         result = -1;
     } else if (!v.shadowRec.allocate() || !walk.allocate()) {
         std::fputs("quenby::VERIFYSHADOW::1::failed to allocate memory\n", stderr);
         result = -1;
+    } else if (!nameReport(reportName, outputFile, std::time(nullptr))) {
+        std::fprintf(stderr, "quenby::VERIFYSHADOW::1::report file name too long: %s\n", outputFile);
+        result = -1;
+    } else if (refuseSharedOutputs(stderr, "quenby::VERIFYSHADOW::1::", {shadowFile, prepListFile, qbsQueryFile},
+                                   {queryMode ? pathName : nullptr, queryMode ? sortedName : nullptr, reportName})
+                   != 0
+               || openSequential(v.shadow, shadowFile, "r", kCannotRead) != 0
+               || (!queryMode && openSequential(prepList, prepListFile, "r", kCannotRead) != 0)
+               || openReport(v.report, reportName, isNone(outputFile)) != 0 || checkHeader(v) != 0) {
+        result = -1;
+    } else if (queryMode) {
+        result = verifyQueryWalk(v, qbsQueryFile, sortedName, &walked);
     } else {
-        time_t start = std::time(nullptr);
-        struct tm local;
-        localtime_r(&start, &local);
-        if (isNone(outputFile))
-            std::snprintf(reportName, sizeof reportName, "/tmp/quenby.verifyShadow.%4d%02d%02d.%02d%02d%02d",
-                          local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
-                          local.tm_sec);
-        else if (std::snprintf(reportName, sizeof reportName, "%s", outputFile) >= kNameSize)
-            result = -1;
-        if (result != 0) {
-            std::fprintf(stderr, "quenby::VERIFYSHADOW::1::report file name too long: %s\n", outputFile);
-        } else if (openSequential(v.shadow, shadowFile, "r", kCannotRead) != 0
-                   || (!queryMode && openSequential(prepList, prepListFile, "r", kCannotRead) != 0)
-                   || openSequential(v.report, reportName, "w", kCannotWrite) != 0 || checkHeader(v) != 0) {
-            result = -1;
-        } else {
-            if (queryMode) {
-                result = verifyQueryWalk(v, qbsQueryFile, sortedName, &walked);
-            } else {
-                walk.setList(prepList.get());
-                result = walk.run();
-                walked = result == 0;
-                if (walked)
-                    result = v.counts.invalid > 0 || v.counts.unhandled > 0 ? 1 : 0;
-            }
-        }
+        walk.setList(prepList.get());
+        result = walk.run();
+        walked = result == 0;
+        if (walked)
+            result = v.counts.invalid > 0 || v.counts.unhandled > 0 ? 1 : 0;
+    }
+    // Findings that did not reach the report make the run a failure, told
+    // before a summary could point at the report.
+    if (closeReport(v, reportName) != 0 && walked) {
+        result = -1;
+        walked = false;
     }
     if (walked)
         printSummary(v.counts, queryMode, reportName);
     v.shadow.close();
     prepList.close();
-    v.report.close();
     if (result == 0)
         std::fputs("::VERIFYSHADOW::0::\n", stdout);
     else

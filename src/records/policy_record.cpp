@@ -248,7 +248,7 @@ int readPolicyRecord(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t* i
 int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t* ino, uint64_t* gen,
                         char** pathBuf, int* pathBufSize, char** showBuf, int* showBufSize,
                         char** filesetName, char** hsmState, unsigned int* endOfFile, int* state,
-                        int* escapedPath, size_t* lineLength)
+                        int* escapedPath, size_t* lineLength, size_t* linesRead)
 {
     if (escapedPath != nullptr)
         *escapedPath = 0;
@@ -292,6 +292,8 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
                 return rc;
             continue;
         }
+        if (linesRead != nullptr)
+            ++*linesRead;
         if (isShadowHeaderLine(line))
             continue;
         break;

@@ -52,7 +52,7 @@ int readPolicyRecord(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t* i
 int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t* ino, uint64_t* gen,
                         char** pathBuf, int* pathBufSize, char** showBuf, int* showBufSize,
                         char** filesetName, char** hsmState, unsigned int* endOfFile, int* state,
-                        int* escapedPath, size_t* lineLength);
+                        int* escapedPath, size_t* lineLength, size_t* linesRead = nullptr);
 
 // Steps after the line is read: parses `line` (`len` bytes, NUL-terminated,
 // in a buffer of `lineBufSize`) into the outputs, as readPolicyRecord does.
@@ -89,6 +89,7 @@ struct PolicyRecord {
     unsigned int endOfFile = 0;
     int state = 0;
     int escapedPath = 0;
+    size_t linesRead = 0; // header lines included: the line number of the record
 
     bool allocate()
     {
@@ -102,6 +103,6 @@ struct PolicyRecord {
     {
         return readPolicyRecordLen(stream, &line.ptr, &line.size, &ino, &gen, &path.ptr, &path.size,
                                    &show.ptr, &show.size, &filesetName, &hsmState, &endOfFile,
-                                   &state, &escapedPath, &lineLength);
+                                   &state, &escapedPath, &lineLength, &linesRead);
     }
 };

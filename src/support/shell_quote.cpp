@@ -1,6 +1,7 @@
 #include "support/shell_quote.h"
 
 #include <cstring>
+#include <string>
 
 bool shellSafe(const char* word)
 {
@@ -29,4 +30,14 @@ void appendShellWord(std::string& out, const char* word)
             out += *c;
     }
     out += '\'';
+}
+
+void appendShellFileName(std::string& out, const char* name)
+{
+    if (name[0] != '-') {
+        appendShellWord(out, name);
+        return;
+    }
+    std::string local = std::string("./") + name;
+    appendShellWord(out, local.c_str());
 }

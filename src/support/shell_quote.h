@@ -10,3 +10,7 @@ bool shellSafe(const char* word);
 // Appends `word` to `out`: unchanged when the shell would read it as it
 // stands, else in single quotes, each quote in it written as '\''.
 void appendShellWord(std::string& out, const char* word);
+
+// As appendShellWord, for a file name given to a command as an operand: a
+// name beginning with "-" goes as "./name", so that it cannot be an option.
+void appendShellFileName(std::string& out, const char* name);

@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 bool sysFaultsArmed = false;
@@ -161,4 +163,88 @@ int sysSystem(const char* command)
     if (sysShouldFail(SysCall::system))
         return -1;
     return std::system(command);
+}
+
+int sysFsync(int fd)
+{
+    if (sysShouldFail(SysCall::fsync))
+        return -1;
+    return ::fsync(fd);
+}
+
+int sysFdatasync(int fd)
+{
+    if (sysShouldFail(SysCall::fsync))
+        return -1;
+    return ::fdatasync(fd);
+}
+
+int sysRename(const char* from, const char* to)
+{
+    if (sysShouldFail(SysCall::rename))
+        return -1;
+    return ::rename(from, to);
+}
+
+int sysMkstemp(char* pattern)
+{
+    if (sysShouldFail(SysCall::create))
+        return -1;
+    return ::mkostemp(pattern, O_CLOEXEC);
+}
+
+ssize_t sysRead(int fd, void* buf, size_t count)
+{
+    if (sysShouldFail(SysCall::read))
+        return -1;
+    return ::read(fd, buf, count);
+}
+
+ssize_t sysWrite(int fd, const void* buf, size_t count)
+{
+    if (sysShouldFail(SysCall::write))
+        return -1;
+    return ::write(fd, buf, count);
+}
+
+int sysPipe(int fds[2])
+{
+    if (sysShouldFail(SysCall::pipe))
+        return -1;
+    return ::pipe2(fds, O_CLOEXEC);
+}
+
+FILE* sysFopencookie(void* cookie, const char* mode, cookie_io_functions_t functions)
+{
+    if (sysShouldFail(SysCall::pipe))
+        return nullptr;
+    return ::fopencookie(cookie, mode, functions);
+}
+
+pid_t sysFork()
+{
+    if (sysShouldFail(SysCall::fork))
+        return -1;
+    return ::fork();
+}
+
+int sysPoll(struct pollfd* fds, nfds_t count, int timeoutMs)
+{
+    if (sysShouldFail(SysCall::poll))
+        return -1;
+    return ::poll(fds, count, timeoutMs);
+}
+
+pid_t sysWaitpid(pid_t pid, int* status, int options)
+{
+    if (sysShouldFail(SysCall::pclose))
+        return -1;
+    return ::waitpid(pid, status, options);
+}
+
+int sysKill(pid_t pid, int signal)
+{
+    if (sysShouldFail(SysCall::kill))
+        return -1;
+    return ::kill(pid, signal);
 }

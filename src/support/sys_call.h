@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/types.h>
 
 enum class SysCall {
@@ -27,6 +28,15 @@ enum class SysCall {
     pwrite,
     lock,
     system,
+    fsync,
+    rename,
+    create,
+    read,
+    write,
+    fork,
+    pipe,
+    poll,
+    kill,
     count_
 };
 
@@ -59,5 +69,21 @@ int sysPclose(FILE* pipe);
 ssize_t sysPread(int fd, void* buf, size_t count, off_t offset);
 ssize_t sysPwrite(int fd, const void* buf, size_t count, off_t offset);
 int sysSystem(const char* command);
+int sysFsync(int fd);
+int sysFdatasync(int fd);
+int sysRename(const char* from, const char* to);
+// mkstemp in the `create` slot: the temporary files of whole-file outputs.
+int sysMkstemp(char* pattern);
+ssize_t sysRead(int fd, void* buf, size_t count);
+ssize_t sysWrite(int fd, const void* buf, size_t count);
 // fcntl with a record lock request (F_SETLK, F_SETLKW, F_GETLK).
 int sysFcntlLock(int fd, int cmd, struct flock* lock);
+// A client started by hand, in its own process group: pipe2 with O_CLOEXEC
+// and the read stream over its read end share the `pipe` slot; waitpid
+// waits for a client as pclose does and shares its slot.
+int sysPipe(int fds[2]);
+FILE* sysFopencookie(void* cookie, const char* mode, cookie_io_functions_t functions);
+pid_t sysFork();
+int sysPoll(struct pollfd* fds, nfds_t count, int timeoutMs);
+pid_t sysWaitpid(pid_t pid, int* status, int options);
+int sysKill(pid_t pid, int signal);

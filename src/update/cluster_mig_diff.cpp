@@ -32,7 +32,7 @@ class MigrationDiff : public RecordMerge {
 public:
     MigrationDiff(FILE* oldList, FILE* newList, FILE* changed, FILE* expired, MergeSide& oldSide, MergeSide& newSide,
                   MergeCounts& counts)
-        : RecordMerge("clusterMigDiff", oldList, newList, oldSide, newSide, counts), changed_(changed),
+        : RecordMerge("clusterMigDiff", "CLUSTERMIGDIFF", oldList, newList, oldSide, newSide, counts), changed_(changed),
           expired_(expired)
     {
     }
@@ -46,7 +46,7 @@ private:
 
     int readSide(MergeSide& side, FILE* in, bool readingRules)
     {
-        int rc = readRecord(side.rec, in, readingRules, false);
+        int rc = readRecord(side, in, readingRules, false);
         side.flag = side.rec.state;
         return rc;
     }
@@ -145,30 +145,67 @@ int MigrationDiff::noMoreNew()
 
 } // namespace
 
+namespace {
+
+struct Run {
+    const char* oldListFile;
+    const char* newListFile;
+    const char* changedFile;
+    const char* expiredFile;
+    StdioFile oldList, newList;
+    OutputFile changed, expired;
+    MergeCounts counts;
+
+    int execute(int maxExpirePercent);
+    int openOutput(OutputFile& file, const char* path)
+    {
+        if (int err = file.open(path, OutputFile::Mode::replace)) {
+            std::fprintf(stderr, kCannotWrite, path != nullptr ? path : "(null)", err);
+            return -1;
+        }
+        return 0;
+    }
+    // Each failing close lowers the result by one; the lists are put in
+    // place only when the run succeeded.
+    int close(int result)
+    {
+        for (StdioFile* in : {&oldList, &newList})
+            result -= in->close() != 0;
+        for (OutputFile* out : {&changed, &expired})
+            result -= (result == 0 ? out->commit() : out->discard()) != 0;
+        return result;
+    }
+};
+
+int Run::execute(int maxExpirePercent)
+{
+    if (maxExpirePercent < -1)
+        return -1;
+    MergeSide oldSide;
+    MergeSide newSide;
+    oldSide.fileName = oldListFile;
+    newSide.fileName = newListFile;
+    if (!oldSide.rec.allocate() || !newSide.rec.allocate()) {
+        std::fputs("quenby::CLUSTERMIGDIFFERR::1::failed to allocate memory\n", stderr);
+        return -1;
+    }
+    if (openSequential(oldList, oldListFile, "r", kCannotRead) != 0
+        || openSequential(newList, newListFile, "r", kCannotRead) != 0
+        || refuseSharedOutputs(stderr, "quenby::CLUSTERMIGDIFFERR::1::", {oldListFile, newListFile},
+                               {changedFile, expiredFile}) != 0
+        || openOutput(changed, changedFile) != 0 || openOutput(expired, expiredFile) != 0)
+        return -1;
+    MigrationDiff diff(oldList.get(), newList.get(), changed.get(), expired.get(), oldSide, newSide, counts);
+    return diff.run(maxExpirePercent);
+}
+
+} // namespace
+
 int clusterMigDiff(const char* oldListFile, const char* newListFile, const char* changedFile,
                    const char* expiredFile)
 {
-    MergeCounts counts;
-    StdioFile oldList, newList, changed, expired;
-    int result = 0;
-    {
-        MergeSide oldSide;
-        MergeSide newSide;
-        if (!oldSide.rec.allocate() || !newSide.rec.allocate()) {
-            std::fputs("quenby::CLUSTERMIGDIFFERR::1::failed to allocate memory\n", stderr);
-            result = -1;
-        } else if (openSequential(oldList, oldListFile, "r", kCannotRead) != 0
-                   || openSequential(newList, newListFile, "r", kCannotRead) != 0
-                   || openSequential(changed, changedFile, "w", kCannotWrite) != 0
-                   || openSequential(expired, expiredFile, "w", kCannotWrite) != 0) {
-            result = -1;
-        } else {
-            MigrationDiff diff(oldList.get(), newList.get(), changed.get(), expired.get(), oldSide, newSide, counts);
-            result = diff.run();
-        }
-    }
-    result = closeMergeFiles(result, "CLUSTERMIGDIFF",
-                             {{&oldList, oldListFile}, {&newList, newListFile}, {&changed, changedFile},
-                              {&expired, expiredFile}});
-    return printMergeResult("CLUSTERMIGDIFF", result, counts);
+    Run run{oldListFile, newListFile, changedFile, expiredFile, {}, {}, {}, {}, {}};
+    int result = run.execute(maxExpirePercentSetting("CLUSTERMIGDIFF"));
+    result = run.close(result);
+    return printMergeResult("CLUSTERMIGDIFF", result, run.counts);
 }

@@ -4,9 +4,25 @@
 #include "records/record_edit.h"
 #include "support/file_open.h"
 
+#include <cstdlib>
 #include <cstring>
 
-int RecordMerge::run()
+int RecordMerge::run(int maxExpirePercent)
+{
+    int rc = merge();
+    if (rc != 0 || maxExpirePercent < 0)
+        return rc;
+    if (static_cast<long long>(counts_.expired) * 100 > static_cast<long long>(maxExpirePercent) * old_.records) {
+        std::fprintf(stderr,
+                     "quenby::%sERR::1::%d of the %d old records would be expired, more than "
+                     "QUENBY_MAX_EXPIRE_PERCENT=%d%%\n",
+                     word_, counts_.expired, old_.records, maxExpirePercent);
+        return -1;
+    }
+    return 0;
+}
+
+int RecordMerge::merge()
 {
     if (int rc = readOld(true))
         return rc;
@@ -36,12 +52,22 @@ int RecordMerge::run()
     }
 }
 
-int RecordMerge::readRecord(PolicyRecord& rec, FILE* in, bool readingRules, bool noMoreOldStage)
+int RecordMerge::readRecord(MergeSide& side, FILE* in, bool readingRules, bool noMoreOldStage)
 {
+    PolicyRecord& rec = side.rec;
     for (;;) {
         int rc = rec.read(in);
         if (rc < 0 || rec.endOfFile)
             return rc < 0 ? rc : 0;
+        if (side.records++ > 0 && rec.ino < side.lastIno) {
+            std::fprintf(stderr,
+                         "quenby::%sERR::1::%s line %zu: inode number %llx follows %llx: the list is not sorted "
+                         "by inode number\n",
+                         word_, side.fileName, rec.linesRead, static_cast<unsigned long long>(rec.ino),
+                         static_cast<unsigned long long>(side.lastIno));
+            return -1;
+        }
+        side.lastIno = rec.ino;
         if (readingRules && rc == PDR_UNSUPPORTED && setAsideUnsupported(rec, noMoreOldStage))
             continue;
         if (readingRules && rc == PDR_INTERNAL) {
@@ -57,7 +83,7 @@ int RecordMerge::setState(PolicyRecord& rec, int state, int place)
 {
     int rc = changePDRState(rec.line.ptr, state);
     if (rc != 0) {
-        std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::Corrupt PDR detected (%d) at %d\n", rc, place);
+        std::fprintf(stderr, "quenby::%sERR::1::Corrupt PDR detected (%d) at %d\n", word_, rc, place);
         return place;
     }
     return 0;
@@ -67,7 +93,7 @@ int RecordMerge::listNew(FILE* out, int state, offset_t offset, const char* labe
 {
     int rc = updatePDRForBackup(new_.rec.line.ptr, new_.rec.path.ptr, out, state, offset);
     if (rc != 0) {
-        std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::%s failed (%d)\n", label, rc);
+        std::fprintf(stderr, "quenby::%sERR::1::%s failed (%d)\n", word_, label, rc);
         return rc;
     }
     ++counts_.changed;
@@ -78,7 +104,7 @@ int RecordMerge::listExpired(FILE* out, offset_t offset, const char* label)
 {
     int rc = updatePDRForExpire(old_.rec.line.ptr, old_.rec.path.ptr, out, offset);
     if (rc != 0) {
-        std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::%s failed (%d)\n", label, rc);
+        std::fprintf(stderr, "quenby::%sERR::1::%s failed (%d)\n", word_, label, rc);
         return rc;
     }
     ++counts_.expired;
@@ -94,16 +120,19 @@ bool RecordMerge::sameRecord() const
            && std::strcmp(o.hsmState, n.hsmState) == 0;
 }
 
-int closeMergeFiles(int result, const char* word, std::initializer_list<std::pair<StdioFile*, const char*>> files)
+int maxExpirePercentSetting(const char* word)
 {
-    for (const auto& [file, name] : files) {
-        if (file->close() != 0) {
-            std::fprintf(stderr, "quenby::%sERR::1::close of %s failed (error=%d)\n", word,
-                         name != nullptr ? name : "(null)", cxiErrnoChecked());
-            --result;
-        }
+    const char* value = std::getenv("QUENBY_MAX_EXPIRE_PERCENT");
+    if (value == nullptr)
+        return -1;
+    char* end = nullptr;
+    long percent = std::strtol(value, &end, 10);
+    if (end == value || *end != '\0' || percent < 0 || percent > 100) {
+        std::fprintf(stderr, "quenby::%sERR::1::QUENBY_MAX_EXPIRE_PERCENT=%s is not a number from 0 to 100\n",
+                     word, value);
+        return -2;
     }
-    return result;
+    return static_cast<int>(percent);
 }
 
 int printMergeResult(const char* word, int result, const MergeCounts& counts)

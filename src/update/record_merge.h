@@ -6,6 +6,7 @@
 
 #include "records/policy_record.h"
 #include "support/file_stream.h"
+#include "support/output_file.h"
 
 #include <initializer_list>
 #include <utility>
@@ -18,6 +19,9 @@ struct MergeSide {
     PolicyRecord rec;
     int flag = 0;           // the flag the decisions see
     int rememberedFlag = 0; // the flag as read
+    const char* fileName = "";
+    uint64_t lastIno = 0;   // of the record before, for the order check
+    int records = 0;        // records read, every kind
 };
 
 struct MergeCounts {
@@ -37,16 +41,21 @@ public:
 
     // Reads the first old and the first new record, then applies one
     // decision at a time until a side runs out. 0, or the failure's result.
-    int run();
+    // With `maxExpirePercent` 0 to 100, a run that would expire more than
+    // that share of the old records fails at the end.
+    int run(int maxExpirePercent = -1);
 
 protected:
+    int merge();
+
     enum Keep { keepNeither, keepOld, keepNew };
 
-    // `name` prefixes the debug messages ("updateShadow", "clusterMigDiff").
+    // `name` prefixes the debug messages ("updateShadow", "clusterMigDiff"),
+    // `word` the error messages ("UPDATESHADOW", "CLUSTERMIGDIFF").
     // A null `newIn` counts as a list exhausted from the start.
-    RecordMerge(const char* name, FILE* oldIn, FILE* newIn, MergeSide& oldSide, MergeSide& newSide,
-                MergeCounts& counts)
-        : name_(name), oldIn_(oldIn), newIn_(newIn), old_(oldSide), new_(newSide), counts_(counts)
+    RecordMerge(const char* name, const char* word, FILE* oldIn, FILE* newIn, MergeSide& oldSide,
+                MergeSide& newSide, MergeCounts& counts)
+        : name_(name), word_(word), oldIn_(oldIn), newIn_(newIn), old_(oldSide), new_(newSide), counts_(counts)
     {
     }
 
@@ -58,9 +67,11 @@ protected:
     // Takes an unsupported record out of the merge; false leaves it in.
     virtual bool setAsideUnsupported(const PolicyRecord&, bool /*noMoreOldStage*/) { return false; }
 
-    // The next record of `in`. With the reading rules, internal records are
-    // skipped and unsupported ones set aside.
-    int readRecord(PolicyRecord& rec, FILE* in, bool readingRules, bool noMoreOldStage);
+    // The next record of `side`'s list `in`. With the reading rules,
+    // internal records are skipped and unsupported ones set aside. A record
+    // below the one before it ends the run: merging out of order would
+    // expire files that exist.
+    int readRecord(MergeSide& side, FILE* in, bool readingRules, bool noMoreOldStage);
 
     // Rewrites a record's flag; a refused edit is a corrupt record.
     int setState(PolicyRecord& rec, int state, int place);
@@ -73,6 +84,7 @@ protected:
     bool sameRecord() const;
 
     const char* name_;
+    const char* word_;
     FILE* oldIn_;
     FILE* newIn_;
     MergeSide& old_;
@@ -80,10 +92,9 @@ protected:
     MergeCounts& counts_;
 };
 
-// Closes the run's files; each failing close prints which file lost its
-// last writes ("quenby::<word>ERR::1::close of ...") and lowers the result
-// by one.
-int closeMergeFiles(int result, const char* word, std::initializer_list<std::pair<StdioFile*, const char*>> files);
+// Reads QUENBY_MAX_EXPIRE_PERCENT: -1 when unset, 0 to 100 when set so;
+// -2 after a message when it holds anything else.
+int maxExpirePercentSetting(const char* word);
 
 // The run's one result line: "::<word>::0::c::e::u::" or
 // "quenby::<word>ERR::<result>::c::e::u::". Returns the result.

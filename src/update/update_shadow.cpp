@@ -68,20 +68,23 @@ struct Settings {
 
 struct Files {
     StdioFile oldShadow;
-    StdioFile newShadow;
+    OutputFile newShadow;
     StdioFile list;
-    StdioFile changed;
-    StdioFile expired;
-    StdioFile unsupported;
-    StdioFile hsmMig;
+    OutputFile changed;
+    OutputFile expired;
+    OutputFile unsupported;
+    OutputFile hsmMig;
 
     // Closes every open file; each failing close lowers the result by one.
-    int closeAll(int result, const char* const names[7])
+    // The outputs are put in place only when the run succeeded: the new
+    // database and the changed list first, then the appended lists.
+    int closeAll(int result)
     {
-        return closeMergeFiles(result, "UPDATESHADOW",
-                               {{&oldShadow, names[0]}, {&newShadow, names[1]}, {&list, names[2]},
-                                {&changed, names[3]}, {&expired, names[4]}, {&unsupported, names[5]},
-                                {&hsmMig, names[6]}});
+        for (StdioFile* in : {&oldShadow, &list})
+            result -= in->close() != 0;
+        for (OutputFile* out : {&newShadow, &changed, &expired, &unsupported, &hsmMig})
+            result -= (result == 0 ? out->commit() : out->discard()) != 0;
+        return result;
     }
 };
 
@@ -99,7 +102,7 @@ class ShadowMerge : public RecordMerge {
 public:
     ShadowMerge(const Settings& settings, Files& files, const char* newShadowName, MergeSide& oldSide,
                 MergeSide& newSide, offset_t writePos, MergeCounts& counts)
-        : RecordMerge("updateShadow", files.oldShadow.get(),
+        : RecordMerge("updateShadow", "UPDATESHADOW", files.oldShadow.get(),
                       settings.conversion || settings.migrationExpiry ? nullptr : files.list.get(), oldSide, newSide,
                       counts),
           s_(settings), f_(files), newShadowName_(newShadowName), writePos_(writePos)
@@ -151,7 +154,7 @@ bool ShadowMerge::setAsideUnsupported(const PolicyRecord& rec, bool noMoreOldSta
 int ShadowMerge::readOld(bool readingRules)
 {
     PolicyRecord& rec = old_.rec;
-    if (int rc = readRecord(rec, oldIn_, readingRules, false); rc != 0 || rec.endOfFile)
+    if (int rc = readRecord(old_, oldIn_, readingRules, false); rc != 0 || rec.endOfFile)
         return rc;
     if (s_.oldFormat) {
         old_.rememberedFlag = rec.state;
@@ -167,7 +170,7 @@ int ShadowMerge::readOld(bool readingRules)
 int ShadowMerge::readNew(bool noMoreOldStage)
 {
     PolicyRecord& rec = new_.rec;
-    if (int rc = readRecord(rec, newIn_, true, noMoreOldStage); rc != 0 || rec.endOfFile)
+    if (int rc = readRecord(new_, newIn_, true, noMoreOldStage); rc != 0 || rec.endOfFile)
         return rc;
     if (rec.hsmState == nullptr)
         rec.hsmState = const_cast<char*>(kResident);
@@ -464,18 +467,14 @@ bool removableList(const char* list, std::initializer_list<const char*> others)
     return true;
 }
 
-// Refuses an output that is the old shadow database or the scan list.
-int checkOutput(const char* output, const char* oldShadowFile, const char* listFile)
+int openOutput(OutputFile& file, const char* path, OutputFile::Mode mode, int newMode = -1)
 {
-    for (const char* input : {oldShadowFile, listFile}) {
-        if (sameRegularFile(output, input)) {
-            std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::output %s is the input %s\n", output, input);
-            return -1;
-        }
+    if (int err = file.open(path, mode, newMode)) {
+        std::fprintf(stderr, kCannotWrite, path, err);
+        return -1;
     }
     return 0;
 }
-
 
 struct Run {
     const char* oldShadowFile;
@@ -497,28 +496,31 @@ struct Run {
 int Run::openFiles()
 {
     bool scanFiles = listFile != nullptr && !settings.migrationExpiry;
+    auto ifScan = [scanFiles](const char* name) { return scanFiles ? name : nullptr; };
     if (openSequential(files.oldShadow, oldShadowFile, "r", kCannotRead) != 0)
         return -1;
-    if (checkOutput(newShadowFile, oldShadowFile, listFile) != 0
-        || openSequential(files.newShadow, newShadowFile, "w", kCannotWrite) != 0)
+    if (refuseSharedOutputs(stderr, "quenby::UPDATESHADOWERR::1::", {oldShadowFile, ifScan(listFile)},
+                            {newShadowFile, ifScan(changedFile), expiredFile, ifScan(unsuppFile), ifScan(hsmMigFile)})
+        != 0)
+        return -1;
+    // A new database keeps the access of the old one.
+    if (openOutput(files.newShadow, newShadowFile, OutputFile::Mode::replace, fileMode(oldShadowFile)) != 0)
         return -1;
     if (scanFiles && openSequential(files.list, listFile, "r", kCannotRead) != 0)
         return -1;
     struct Output {
-        StdioFile& file;
+        OutputFile& file;
         const char* path;
-        const char* mode;
+        OutputFile::Mode mode;
         bool open;
     } outputs[] = {
-        {files.changed, changedFile, "w", scanFiles},
-        {files.expired, expiredFile, "a", true},
-        {files.unsupported, unsuppFile, "a", scanFiles},
-        {files.hsmMig, hsmMigFile, "a", scanFiles},
+        {files.changed, changedFile, OutputFile::Mode::replace, scanFiles},
+        {files.expired, expiredFile, OutputFile::Mode::append, true},
+        {files.unsupported, unsuppFile, OutputFile::Mode::append, scanFiles},
+        {files.hsmMig, hsmMigFile, OutputFile::Mode::append, scanFiles},
     };
     for (Output& out : outputs) {
-        if (!out.open || out.path == nullptr)
-            continue;
-        if (checkOutput(out.path, oldShadowFile, listFile) != 0 || openSequential(out.file, out.path, out.mode, kCannotWrite) != 0)
+        if (out.open && out.path != nullptr && openOutput(out.file, out.path, out.mode) != 0)
             return -1;
     }
     return 0;
@@ -528,6 +530,7 @@ int Run::writeHeader(MergeSide& oldSide, time_t startTime, offset_t& writePos)
 {
     ShadowHeader header;
     int code = readShadowHeader(files.oldShadow.get(), &oldSide.rec.line.ptr, &oldSide.rec.line.size, &header);
+    oldSide.rec.linesRead = 1; // the header line, whatever it held
     if (code != 0) {
         if (settings.conversion) {
             std::fprintf(stderr,
@@ -569,8 +572,13 @@ int Run::execute()
         std::fputs("quenby::UPDATESHADOWERR::1::Cannot do 3.2 migration expiry in BACKUP_ONLY mode\n", stderr);
         return -1;
     }
+    int maxExpirePercent = maxExpirePercentSetting("UPDATESHADOW");
+    if (maxExpirePercent < -1)
+        return -1;
     MergeSide oldSide;
     MergeSide newSide;
+    oldSide.fileName = oldShadowFile;
+    newSide.fileName = listFile;
     if (!oldSide.rec.allocate() || !newSide.rec.allocate()) {
         std::fputs("quenby::UPDATESHADOWERR::1::failed to allocate memory\n", stderr);
         return -1;
@@ -582,7 +590,7 @@ int Run::execute()
     if (int rc = writeHeader(oldSide, startTime, writePos))
         return rc;
     ShadowMerge merge(settings, files, newShadowFile, oldSide, newSide, writePos, counts);
-    return merge.run();
+    return merge.run(maxExpirePercent);
 }
 
 } // namespace
@@ -615,13 +623,13 @@ int updateShadow(const char* oldShadowFile, const char* newShadowFile, const cha
         s.oldFormat = true;
 
     int result = run.execute();
-    const char* const names[7] = {oldShadowFile, newShadowFile, listFile, changedFile,
-                                  expiredFile, unsuppFile, hsmMigFile};
-    result = run.files.closeAll(result, names);
-    if (unsuppFile != nullptr && !run.counts.unsupportedWritten
+    result = run.files.closeAll(result);
+    // A failed run removes nothing: an unused list may still hold an
+    // earlier run's lines.
+    if (result == 0 && unsuppFile != nullptr && !run.counts.unsupportedWritten
         && removableList(unsuppFile, {oldShadowFile, newShadowFile, listFile, changedFile, expiredFile, hsmMigFile}))
         sysUnlink(unsuppFile);
-    if (hsmMigFile != nullptr && run.counts.hsm == 0
+    if (result == 0 && hsmMigFile != nullptr && run.counts.hsm == 0
         && removableList(hsmMigFile, {oldShadowFile, newShadowFile, listFile, changedFile, expiredFile, unsuppFile}))
         sysUnlink(hsmMigFile);
     return printMergeResult("UPDATESHADOW", result, run.counts);

@@ -37,14 +37,18 @@ def check(test, case, what, expected, actual):
             test.assertEqual(expected, actual)
 
 
+def write_files(scratch, files):
+    for path, text in files.items():
+        os.makedirs(os.path.dirname(os.path.join(scratch, path)), exist_ok=True)
+        with open(os.path.join(scratch, path), "wb") as f:
+            f.write(text.encode("utf-8", "surrogateescape"))
+
+
 def run_case(test, case, extra_check=None):
     """Runs one case in a fresh scratch directory; extra_check(test, case, scratch, stdout) may check more."""
     with tempfile.TemporaryDirectory(prefix="quenby-e2e-") as scratch:
         files, expect = case.get("files", {}), case.get("expect", {})
-        for path, text in files.items():
-            os.makedirs(os.path.dirname(os.path.join(scratch, path)), exist_ok=True)
-            with open(os.path.join(scratch, path), "wb") as f:
-                f.write(text.encode("utf-8", "surrogateescape"))
+        write_files(scratch, files)
         proc = subprocess.run([BINARY] + case["args"], cwd=scratch, env=clean_env(case.get("env")),
                               stdin=subprocess.DEVNULL, capture_output=True, timeout=60)
         out, err = (b.decode("utf-8", "surrogateescape") for b in (proc.stdout, proc.stderr))
@@ -56,12 +60,13 @@ def run_case(test, case, extra_check=None):
             extra_check(test, case, scratch, out)
 
 
-def main(cases, extra_check=None):
-    """Runs the cases against the program named by the only argument; exits non-zero on any failure."""
+def main(cases, extra_check=None, *more):
+    """Runs the cases, then each function of more(test), against the program named by the only argument;
+    exits non-zero on any failure."""
     global BINARY
     if len(sys.argv) != 2 or not os.access(sys.argv[1], os.X_OK):
         sys.exit("usage: %s /path/to/quenby" % sys.argv[0])
     BINARY = os.path.abspath(sys.argv[1])
 
-    test = unittest.FunctionTestCase(lambda: [run_case(test, c, extra_check) for c in cases])
+    test = unittest.FunctionTestCase(lambda: [run_case(test, c, extra_check) for c in cases] + [f(test) for f in more])
     sys.exit(not unittest.TextTestRunner().run(test).wasSuccessful())

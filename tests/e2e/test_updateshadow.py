@@ -240,17 +240,18 @@ def header_cases():
 
 
 def failure_cases():
+    """A failed run leaves no new database or changed list and no line in a list; the lists it opened stay."""
     A = pdr(0x10)
-    db = Db([reflag(A, 0xb)])
     bad = pdr(0x10, show="%s %s 42" % (T0, T1))
+    gone = dict(chg=None, uns="", hsm="", status=255)
     return [
-        case("a malformed scan record ends the run after what was written", failed(-1, 1), [], A + "garbage\n",
-             db, chg=[wl(UPD, db, 0)], stderr="quenby: failed to parse shadow line [1]garbage\n\n", status=255),
-        case("a malformed old record ends the run after the header", failed(-1), [bad], [A], Db([]),
-             status=255, stderr="quenby: invalid show attribute in %s\n" % bad),
-        case("a scan list that cannot be read is no empty scan: nothing is expired", failed(-1), [A], [], Db([]),
-             ["old", "new", "dir"] + ARGS7[3:], {"dir/f": ""}, status=255,
-             stderr="quenby: failed to read records (error=21)\n")]
+        case("a malformed scan record: nothing of what was written reaches the outputs", failed(-1, 1), [],
+             A + "garbage\n", None, stderr="quenby: failed to parse shadow line [1]garbage\n\n", **gone),
+        case("a malformed old record", failed(-1), [bad], [A], None,
+             stderr="quenby: invalid show attribute in %s\n" % bad, **gone),
+        case("a scan list that cannot be read is no empty scan: nothing is expired", failed(-1), [A], [], None,
+             ["old", "new", "dir"] + ARGS7[3:], {"dir/f": ""}, stderr="quenby: failed to read records (error=21)\n",
+             **gone)]
 
 
 CASES = merge_cases() + show_change_cases() + stage_cases() + mode_cases() + header_cases() + failure_cases()

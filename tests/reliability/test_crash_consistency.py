@@ -1,6 +1,8 @@
 """execbunch killed with SIGKILL at random moments: every record must be in
 its old or its new state, CHANGE pairs in a state their two ordered writes
 allow, and updateshadow must list again exactly what was left undone.
+updateshadow killed at random moments: its new database is absent or whole,
+the appended lists gain nothing or everything, and a rerun is right.
 
 Run: python3 test_crash_consistency.py /path/to/quenby [seconds]
 """
@@ -122,8 +124,57 @@ def check_relisted(binary, d, text, found, got, items):
     assert open(os.path.join(d, "db"), "rb").read() == text, "updateshadow changed its input"
 
 
+def without_date(text):
+    first, _, rest = text.partition(b"\n")
+    return b":".join(first.split(b":", 6)[:6]) + rest
+
+
+def kill_updateshadow(binary, kills=20):
+    args = [binary, "updateshadow", "shadow.old", "new", "scan.new", "chg", "exp", "uns"]
+    with tempfile.TemporaryDirectory(prefix="quenby-crash-us-") as d:
+        subprocess.run([sys.executable, GEN, "--records", "300000", "--churn", "0.1", "--seed", "5", "--out", d],
+                       check=True, stdout=subprocess.DEVNULL, timeout=60)
+
+        def run(kill_after=None):
+            proc = subprocess.Popen(args, cwd=d, env=clean_env(), stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            if kill_after is not None:
+                time.sleep(kill_after)
+                proc.kill()
+            out, err = proc.communicate(timeout=60)
+            return proc.returncode, out
+
+        def files():
+            return {n: open(os.path.join(d, n), "rb").read() if os.path.exists(os.path.join(d, n)) else None
+                    for n in ("new", "chg", "exp")}
+
+        started = time.monotonic()
+        status, result = run()
+        full = time.monotonic() - started
+        assert status == 0, result
+        whole = files()
+        lines = whole["exp"]
+        for _ in range(kills):
+            for n in ("new", "chg"):
+                if os.path.exists(os.path.join(d, n)):
+                    os.unlink(os.path.join(d, n))
+            with open(os.path.join(d, "exp"), "wb") as f:
+                f.write(b"earlier\n")
+            status, out = run(random.uniform(0, full * 1.2))
+            got = files()
+            assert got["new"] is None or without_date(got["new"]) == without_date(whole["new"]), "partial database"
+            assert got["chg"] in (None, whole["chg"]), "partial changed list"
+            assert got["exp"] in (b"earlier\n", b"earlier\n" + lines), "partial expired list"
+            status, out = run()
+            assert (status, out) == (0, result), (status, out)
+            after = files()
+            assert without_date(after["new"]) == without_date(whole["new"]) and after["chg"] == whole["chg"]
+            assert after["exp"] == got["exp"] + lines, "the rerun's expired list"
+        print("updateshadow: 300000 records, full run %.2f s, %d kills" % (full, kills))
+
+
 def main():
     binary = os.path.abspath(sys.argv[1])
+    kill_updateshadow(binary)
     budget = float(sys.argv[2]) if len(sys.argv) > 2 else 20.0
     env = clean_env({"KESTREL_EXPIRE_CMD": "sh %s exp" % FAKE, "KESTREL_BACKUP_CMD": "sh %s chg" % FAKE})
     with tempfile.TemporaryDirectory(prefix="quenby-crash-") as d:

@@ -23,11 +23,12 @@ EB_FAIL = r"quenby:execBunch\(\) error -1(07|10) parsing records, skipping exec\
 # args, stdout (regex), a part of stderr. A write error shows at the write
 # that meets it or, when everything fits the stream's buffer, at the close.
 FULL = [
-    ("updateshadow db /dev/full scan chg exp uns", US_FAIL, r"output to /dev/full failed|close of /dev/full failed"),
-    ("updateshadow db new scan /dev/full exp uns", US_FAIL, r"updatePDRForBackup|close of /dev/full failed"),
-    ("updateshadow db new scan chg /dev/full uns", US_FAIL, r"updatePDRForExpire|close of /dev/full failed"),
-    ("clustermigdiff scan.old scan /dev/full exp", r"quenby::CLUSTERMIGDIFFERR::-\d+::\d+::\d+::0::\n", "quenby"),
+    ("updateshadow db /dev/full scan chg exp uns", US_FAIL, r"output to /dev/full failed|\A\Z"),
+    ("updateshadow db new scan /dev/full exp uns", US_FAIL, r"updatePDRForBackup|\A\Z"),
+    ("updateshadow db new scan chg /dev/full uns", US_FAIL, r"updatePDRForExpire|\A\Z"),
+    ("clustermigdiff scan.old scan /dev/full exp", r"quenby::CLUSTERMIGDIFFERR::-\d+::\d+::\d+::0::\n", r"updatePDRFor|\A\Z"),
     ("rebuildshadow query scan /dev/full .", "", r"writing merged record fail|db file I/O error"),
+    ("verifyshadow db scan.old /dev/full", r"::VERIFYSHADOW::-1::\d+::\d+::\n", r"write to /dev/full failed"),
     ("execbunch bunch /dev/full exp upd db 9999", EB_FAIL, ""),
     ("execbunch bunch chg /dev/full upd db 9999", EB_FAIL, ""),
 ]
@@ -76,10 +77,6 @@ def main():
             status, out, err = run(d, [binary] + args.split())
             assert status != 0 and re.fullmatch(out_re, out) and re.search(err_part, err), (args, status, out, err[-1500:])
             assert digest(d) == before and not os.path.exists(os.path.join(d, "ran")), (args, "inputs or client")
-        # Findings that go to a full report are lost without notice; the run still ends as with a real one.
-        full = run(d, [binary] + "verifyshadow db scan.old /dev/full".split())
-        real = run(d, [binary] + "verifyshadow db scan.old rep".split())
-        assert (full[0], full[1].replace("/dev/full", "rep")) == real[:2], (full, real)
         floor = smallest_limit(binary)
         if floor is None:
             print("%d /dev/full cases; memory limits skipped: the program does not start under ulimit -v" % len(FULL))
@@ -98,7 +95,7 @@ def main():
                     (args, limit, status, out, err[-1500:])
                 assert digest(d) == before or status == 0, (args, limit, "changed an input")
         print("%d /dev/full cases; %d runs under ulimit -v %d..%d KiB, %d ended in a clean failure"
-              % (len(FULL) + 1, sweeps, floor, floor + 400, fails))
+              % (len(FULL), sweeps, floor, floor + 400, fails))
         assert fails > 0, "no limit was tight enough to make an allocation fail"
 
 

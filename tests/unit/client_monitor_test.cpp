@@ -40,7 +40,7 @@ TEST(ClientMonitor, ReportedFilesReachTheirRecords)
     // `flags`: the records' flags after; `first`: the record that opens the range.
     struct Case {
         std::string client, out, flags, err = "", command = ""; int result = 0; SysCall fault = SysCall::count_;
-        bool expire = false, oldFormat = false; int first = 0;
+        bool expire = false, oldFormat = false; int first = 0, timeout = 0;
     } cases[] = {
         {sent, one, "0be0"},
         {"Normal File--> 9 /fs/a/b [Unchanged]\n", one, "0be0"},
@@ -65,6 +65,12 @@ TEST(ClientMonitor, ReportedFilesReachTheirRecords)
         {"", "quenby: execAndMonitor() backup command true could not be run\n" + none + "-1::\n", "bbe0", "", "true",
          -1, SysCall::popen},
         {"", "quenby:execAndMonitor() null exec cmd\n" + none + "-1::\n", "bbe0", "", "-", -1},
+        // Rewrites that a crash could still lose: the run is no success.
+        {sent, "quenby: execAndMonitor() sync of the shadow database failed (err=11)\n"
+         "::EXECANDMONITOR::1::0::-1::\n", "0be0", "", "", -1, SysCall::fsync},
+        {sent, one, "0be0", "", "", 0, {}, false, false, 0, 30}, // with a time limit
+        {"", "quenby: execAndMonitor() backup command true could not be run\n" + none + "-1::\n", "bbe0", "", "true",
+         -1, SysCall::fork, false, false, 0, 30},
     };
     ASSERT_TRUE(allocUpdateBuffers());
     for (const Case& c : cases) {
@@ -83,7 +89,7 @@ TEST(ClientMonitor, ReportedFilesReachTheirRecords)
         testing::internal::CaptureStdout();
         std::string err = testutil::stderrOf([&] {
             EXPECT_EQ(execAndMonitor(command == "-" ? nullptr : command.c_str(), f, c.expire ? "expire" : "backup",
-                                     c.expire ? 0xd : 0x0, at[c.first], at[3]),
+                                     c.expire ? 0xd : 0x0, at[c.first], at[3], c.timeout),
                       c.result);
         });
         std::fclose(f);
