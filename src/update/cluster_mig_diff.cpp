@@ -183,12 +183,8 @@ int Run::execute(int maxExpirePercent)
         return -1;
     MergeSide oldSide;
     MergeSide newSide;
-    oldSide.fileName = oldListFile;
-    newSide.fileName = newListFile;
-    if (!oldSide.rec.allocate() || !newSide.rec.allocate()) {
-        std::fputs("quenby::CLUSTERMIGDIFFERR::1::failed to allocate memory\n", stderr);
+    if (!prepareMergeSides("CLUSTERMIGDIFF", oldSide, oldListFile, newSide, newListFile))
         return -1;
-    }
     if (openSequential(oldList, oldListFile, "r", kCannotRead) != 0
         || openSequential(newList, newListFile, "r", kCannotRead) != 0
         || refuseSharedOutputs(stderr, "quenby::CLUSTERMIGDIFFERR::1::", {oldListFile, newListFile},

@@ -120,6 +120,17 @@ bool RecordMerge::sameRecord() const
            && std::strcmp(o.hsmState, n.hsmState) == 0;
 }
 
+bool prepareMergeSides(const char* word, MergeSide& oldSide, const char* oldName, MergeSide& newSide,
+                       const char* newName)
+{
+    oldSide.fileName = oldName;
+    newSide.fileName = newName;
+    if (oldSide.rec.allocate() && newSide.rec.allocate())
+        return true;
+    std::fprintf(stderr, "quenby::%sERR::1::failed to allocate memory\n", word);
+    return false;
+}
+
 int maxExpirePercentSetting(const char* word)
 {
     const char* value = std::getenv("QUENBY_MAX_EXPIRE_PERCENT");

@@ -92,6 +92,11 @@ protected:
     MergeCounts& counts_;
 };
 
+// Names the two sides for the order check's messages and gives them their
+// buffers; false after the "failed to allocate memory" message.
+bool prepareMergeSides(const char* word, MergeSide& oldSide, const char* oldName, MergeSide& newSide,
+                       const char* newName);
+
 // Reads QUENBY_MAX_EXPIRE_PERCENT: -1 when unset, 0 to 100 when set so;
 // -2 after a message when it holds anything else.
 int maxExpirePercentSetting(const char* word);

@@ -577,12 +577,8 @@ int Run::execute()
         return -1;
     MergeSide oldSide;
     MergeSide newSide;
-    oldSide.fileName = oldShadowFile;
-    newSide.fileName = listFile;
-    if (!oldSide.rec.allocate() || !newSide.rec.allocate()) {
-        std::fputs("quenby::UPDATESHADOWERR::1::failed to allocate memory\n", stderr);
+    if (!prepareMergeSides("UPDATESHADOW", oldSide, oldShadowFile, newSide, listFile))
         return -1;
-    }
     time_t startTime = std::time(nullptr);
     if (int rc = openFiles())
         return rc;
