@@ -1,6 +1,5 @@
 // The record reader, the state edit, the work-list builder and the SHOW
 // comparison on any input. The first byte picks the mode.
-#include "cli/dispatch.h"
 #include "fuzz_util.h"
 #include "records/policy_record.h"
 #include "records/record_edit.h"
@@ -12,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (size < 1)
         return 0;
     const uint8_t mode = data[0];
-    migDiff = mode & 1;
+    clusterMigrationReader = mode & 1;
     FILE* in = fuzz::inputStream(data + 1, size - 1);
     if (in == nullptr)
         return 0;
@@ -36,6 +35,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         }
     }
     std::fclose(in);
-    migDiff = 0;
+    clusterMigrationReader = false;
     return 0;
 }

@@ -1,10 +1,10 @@
 #include "bunch/bunch_list.h"
 
-#include "cli/dispatch.h"
 #include "records/scanf_cursor.h"
+#include "support/debug_level.h"
 #include "support/file_open.h"
-#include "support/line_read.h"
 #include "support/file_stream.h"
+#include "support/line_read.h"
 #include "support/sys_call.h"
 
 #include <climits>

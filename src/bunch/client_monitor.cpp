@@ -3,7 +3,7 @@
 #include "bunch/bunch_list.h"
 #include "bunch/path_index.h"
 #include "bunch/record_update.h"
-#include "cli/dispatch.h"
+#include "support/debug_level.h"
 #include "support/file_stream.h"
 #include "support/line_read.h"
 #include "support/sys_call.h"

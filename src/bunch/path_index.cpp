@@ -1,7 +1,7 @@
 #include "bunch/path_index.h"
 
-#include "cli/dispatch.h"
 #include "support/consistency.h"
+#include "support/debug_level.h"
 
 #include <cstdio>
 #include <cstdlib>

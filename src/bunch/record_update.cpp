@@ -1,10 +1,10 @@
 #include "bunch/record_update.h"
 
 #include "bunch/path_index.h"
-#include "cli/dispatch.h"
 #include "records/record_at.h"
 #include "records/record_edit.h"
 #include "support/consistency.h"
+#include "support/debug_level.h"
 #include "support/file_open.h"
 #include "support/file_stream.h"
 #include "support/sys_call.h"

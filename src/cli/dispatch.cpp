@@ -4,6 +4,8 @@
 #include "clientopts/validate_client.h"
 #include "rebuild/rebuild_shadow.h"
 #include "rebuild/verify_shadow.h"
+#include "records/policy_record.h"
+#include "support/debug_level.h"
 #include "update/cluster_mig_diff.h"
 #include "update/update_shadow.h"
 
@@ -11,9 +13,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
-int quenby_debug = 0;
-int migDiff = 0;
 
 const SubCommandTable quenbySubCommands = {
     updateShadow, clusterMigDiff, rebuildShadow, execBunch, validateQBSClient, verifyShadow,
@@ -76,7 +75,7 @@ int runClusterMigDiff(const Args& args, const SubCommandTable& commands)
 {
     if (args.count() != 4)
         return usage(usageClusterMigDiff);
-    migDiff = 1;
+    clusterMigrationReader = true;
     return commands.clusterMigDiff(args.a(1), args.a(2), args.a(3), args.a(4));
 }
 

@@ -2,12 +2,6 @@
 // texts and the hand-over to exactly one sub-command.
 #pragma once
 
-// Debug level of the whole program, from "DEBUGquenby".
-extern int quenby_debug;
-// Set by "clustermigdiff": the record reader then leaves out its
-// unsupported-path test.
-extern int migDiff;
-
 constexpr int QUENBY_VERSION = 3;
 constexpr int DISPATCH_USAGE_ERROR = 22;
 

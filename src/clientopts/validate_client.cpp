@@ -1,6 +1,6 @@
 #include "clientopts/validate_client.h"
 
-#include "cli/dispatch.h"
+#include "support/debug_level.h"
 #include "support/file_open.h"
 #include "support/file_stream.h"
 #include "support/output_file.h"

@@ -1,7 +1,7 @@
 #include "rebuild/index_query.h"
 
-#include "cli/dispatch.h"
 #include "records/scanf_cursor.h"
+#include "support/debug_level.h"
 #include "support/file_stream.h"
 #include "support/line_read.h"
 #include "support/sys_call.h"

@@ -1,11 +1,11 @@
 #include "rebuild/rebuild_shadow.h"
 
-#include "cli/dispatch.h"
 #include "rebuild/external_sort.h"
 #include "rebuild/index_query.h"
 #include "records/policy_record.h"
 #include "records/record_at.h"
 #include "records/record_edit.h"
+#include "support/debug_level.h"
 #include "support/file_open.h"
 #include "support/file_stream.h"
 #include "support/output_file.h"

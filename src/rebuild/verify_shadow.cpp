@@ -1,9 +1,9 @@
 #include "rebuild/verify_shadow.h"
 
-#include "cli/dispatch.h"
 #include "rebuild/external_sort.h"
 #include "rebuild/verify_common.h"
 #include "records/record_edit.h"
+#include "support/debug_level.h"
 #include "support/file_open.h"
 #include "support/output_file.h"
 #include "support/sys_call.h"

@@ -1,6 +1,5 @@
 #include "records/policy_record.h"
 
-#include "cli/dispatch.h"
 #include "records/scanf_cursor.h"
 #include "support/file_open.h"
 #include "support/line_read.h"
@@ -11,6 +10,8 @@
 #endif
 #include <cstdlib>
 #include <cstring>
+
+bool clusterMigrationReader = false;
 
 namespace {
 
@@ -388,7 +389,7 @@ int parsePolicyRecordLine(char* line, size_t len, int lineBufSize, uint64_t* ino
     }
 
     const char* recordPath = *pathBuf;
-    if (!migDiff) {
+    if (!clusterMigrationReader) {
         if (std::memchr(recordPath, UnsupQBSCharList[0], static_cast<size_t>(pathLen)) != nullptr
             || std::memchr(recordPath, UnsupQBSCharList[1], static_cast<size_t>(pathLen)) != nullptr)
             return PDR_UNSUPPORTED;

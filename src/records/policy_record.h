@@ -42,6 +42,10 @@ constexpr int PDR_SHOW_BUF_SIZE = 255;
 constexpr int PDR_UNSUPPORTED = 2;
 constexpr int PDR_INTERNAL = 3;
 
+// Set for the cluster-migration comparison: the reader then leaves out its
+// unsupported-path test, since both lists are only compared.
+extern bool clusterMigrationReader;
+
 // Reads the next record; see the header comment of the definition.
 int readPolicyRecord(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t* ino, uint64_t* gen,
                      char** pathBuf, int* pathBufSize, char** showBuf, int* showBufSize,

@@ -1,6 +1,6 @@
 #include "records/record_edit.h"
 
-#include "cli/dispatch.h"
+#include "support/debug_level.h"
 #include "support/sys_call.h"
 
 #include <cstddef>

@@ -1,7 +1,7 @@
 #include "update/cluster_mig_diff.h"
 
-#include "cli/dispatch.h"
 #include "records/record_edit.h"
+#include "support/debug_level.h"
 #include "support/file_open.h"
 #include "support/file_stream.h"
 #include "update/record_merge.h"

@@ -1,8 +1,8 @@
 #include "update/update_shadow.h"
 
-#include "cli/dispatch.h"
 #include "records/policy_record.h"
 #include "records/record_edit.h"
+#include "support/debug_level.h"
 #include "support/file_open.h"
 #include "support/file_stream.h"
 #include "support/sys_call.h"

@@ -1,4 +1,5 @@
 // The debug level from the environment, and the one trace whose text is checked.
+#include "cli/dispatch.h"
 #include "clientopts/validate_client.h"
 
 #include "test_util.h"

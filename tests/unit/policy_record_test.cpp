@@ -40,7 +40,7 @@ TEST(ReadPolicyRecord, ClassifiesPathsAndSplitsShow)
     };
     for (const auto& row : rows) {
         testutil::GlobalsGuard guard;
-        migDiff = row.migDiff;
+        clusterMigrationReader = row.migDiff;
         int len = static_cast<int>(row.path.size());
         Reader r(pdr(row.path, row.escaped ? -len : len, row.show));
         const int rc = r.read(); // before the outputs are looked at

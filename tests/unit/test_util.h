@@ -1,7 +1,8 @@
 // Helpers shared by the unit tests.
 #pragma once
 
-#include "cli/dispatch.h"
+#include "records/policy_record.h"
+#include "support/debug_level.h"
 #include "support/sys_call.h"
 
 #include <gtest/gtest.h>
@@ -78,7 +79,7 @@ struct GlobalsGuard {
     ~GlobalsGuard()
     {
         quenby_debug = 0;
-        migDiff = 0;
+        clusterMigrationReader = false;
         sysFaultsClear();
         for (const std::string& name : env)
             unsetenv(name.c_str());

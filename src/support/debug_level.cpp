@@ -1,0 +1,3 @@
+#include "support/debug_level.h"
+
+int quenby_debug = 0;
