@@ -7,6 +7,7 @@
 #include "update/record_merge.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -200,8 +201,10 @@ int Run::execute(int maxExpirePercent)
 int clusterMigDiff(const char* oldListFile, const char* newListFile, const char* changedFile,
                    const char* expiredFile)
 {
+    // The run's whole environment, read once at its start.
+    const char* maxExpirePercentText = std::getenv("QUENBY_MAX_EXPIRE_PERCENT");
     Run run{oldListFile, newListFile, changedFile, expiredFile, {}, {}, {}, {}, {}};
-    int result = run.execute(maxExpirePercentSetting("CLUSTERMIGDIFF"));
+    int result = run.execute(maxExpirePercentSetting("CLUSTERMIGDIFF", maxExpirePercentText));
     result = run.close(result);
     return printMergeResult("CLUSTERMIGDIFF", result, run.counts);
 }

@@ -131,9 +131,8 @@ bool prepareMergeSides(const char* word, MergeSide& oldSide, const char* oldName
     return false;
 }
 
-int maxExpirePercentSetting(const char* word)
+int maxExpirePercentSetting(const char* word, const char* value)
 {
-    const char* value = std::getenv("QUENBY_MAX_EXPIRE_PERCENT");
     if (value == nullptr)
         return -1;
     char* end = nullptr;

@@ -97,9 +97,9 @@ protected:
 bool prepareMergeSides(const char* word, MergeSide& oldSide, const char* oldName, MergeSide& newSide,
                        const char* newName);
 
-// Reads QUENBY_MAX_EXPIRE_PERCENT: -1 when unset, 0 to 100 when set so;
-// -2 after a message when it holds anything else.
-int maxExpirePercentSetting(const char* word);
+// Judges QUENBY_MAX_EXPIRE_PERCENT's `value`: -1 when unset (null), 0 to
+// 100 when set so; -2 after a message when it holds anything else.
+int maxExpirePercentSetting(const char* word, const char* value);
 
 // The run's one result line: "::<word>::0::c::e::u::" or
 // "quenby::<word>ERR::<result>::c::e::u::". Returns the result.

@@ -64,7 +64,22 @@ struct Settings {
     bool conversion = false;
     bool migrationExpiry = false;
     const char* backupDirEnv = nullptr;
+    // Judged after the argument and mode checks, where its message belongs.
+    const char* maxExpirePercentText = nullptr;
 };
+
+// The run's whole environment, read once at its start.
+Settings readSettings()
+{
+    Settings s;
+    s.incrSupported = envNumber("KESTREL_QBSC_INCR_SUPPORTED") == 1;
+    long format = envNumber("KESTREL_SHADOW_FORMAT");
+    s.oldFormat = format >= 1002 && format <= 1399;
+    s.backupDirEnv = std::getenv("KESTREL_BACKUPDIR");
+    s.backupOnly = envNumber("KESTREL_DO_BACKUP_ONLY") == 1;
+    s.maxExpirePercentText = std::getenv("QUENBY_MAX_EXPIRE_PERCENT");
+    return s;
+}
 
 struct Files {
     StdioFile oldShadow;
@@ -572,7 +587,7 @@ int Run::execute()
         std::fputs("quenby::UPDATESHADOWERR::1::Cannot do 3.2 migration expiry in BACKUP_ONLY mode\n", stderr);
         return -1;
     }
-    int maxExpirePercent = maxExpirePercentSetting("UPDATESHADOW");
+    int maxExpirePercent = maxExpirePercentSetting("UPDATESHADOW", settings.maxExpirePercentText);
     if (maxExpirePercent < -1)
         return -1;
     MergeSide oldSide;
@@ -595,13 +610,9 @@ int updateShadow(const char* oldShadowFile, const char* newShadowFile, const cha
                  const char* changedFile, const char* expiredFile, const char* unsuppFile,
                  const char* hsmMigFile, const char* /*subDir*/, const char* /*filesets*/)
 {
-    Run run{oldShadowFile, newShadowFile, listFile, changedFile, expiredFile, unsuppFile, hsmMigFile, {}, {}, {}};
+    Run run{oldShadowFile, newShadowFile, listFile, changedFile, expiredFile, unsuppFile, hsmMigFile,
+            readSettings(), {}, {}};
     Settings& s = run.settings;
-    s.incrSupported = envNumber("KESTREL_QBSC_INCR_SUPPORTED") == 1;
-    long format = envNumber("KESTREL_SHADOW_FORMAT");
-    s.oldFormat = format >= 1002 && format <= 1399;
-    s.backupDirEnv = std::getenv("KESTREL_BACKUPDIR");
-    s.backupOnly = envNumber("KESTREL_DO_BACKUP_ONLY") == 1;
     if (s.backupOnly && quenby_debug > 1)
         std::fputs("quenby: BACKUP_ONLY mode on.\n", stderr);
 
