@@ -5,8 +5,6 @@
 #include "fuzz_util.h"
 #include "support/consistency.h"
 
-#include <cstdlib>
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size < 1)
@@ -15,10 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     std::string bunch = fuzz::writeScratch("bunch", data + 1, size - 1);
     std::string dir = fuzz::scratchDir();
     std::string chg = dir + "/chg", exp = dir + "/exp", upd = dir + "/upd";
-    if (mode & 1)
-        setenv("KESTREL_NO_QUOTES", "", 1);
-    else
-        unsetenv("KESTREL_NO_QUOTES");
+    const bool quoted = !(mode & 1);
     const char* removePath = (mode & 2) ? "/fs" : (mode & 4) ? "NONE" : nullptr;
     const bool oldFormat = mode & 8;
     pathIndexReset();
@@ -27,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     offset_t low = 0, high = 0;
     try {
         parseBackupRecords(bunch.c_str(), oldFormat ? nullptr : chg.c_str(), exp.c_str(),
-                           oldFormat ? nullptr : upd.c_str(), removePath, &low, &high, gsi_insert);
+                           oldFormat ? nullptr : upd.c_str(), removePath, &low, &high, gsi_insert, quoted);
     } catch (const ConsistencyError&) {
         // An empty path or offset 0: reported as a broken condition.
     }

@@ -102,7 +102,7 @@ void unescapeBunchPath(char* path)
 
 int parseBackupRecords(const char* inList, const char* outChange, const char* outExpire,
                        const char* outStateChange, const char* removePath, offset_t* lowIdx, offset_t* hiIdx,
-                       AddPathFunc addPath)
+                       AddPathFunc addPath, bool quoted)
 {
     auto orNull = [](const char* s) { return s != nullptr ? s : "(null)"; };
     if (quenby_debug > 0)
@@ -120,7 +120,6 @@ int parseBackupRecords(const char* inList, const char* outChange, const char* ou
 
     *lowIdx = 0;
     *hiIdx = 0;
-    const bool quotes = std::getenv("KESTREL_NO_QUOTES") == nullptr;
     if (removePath != nullptr && std::strcmp(removePath, "NONE") == 0)
         removePath = nullptr;
 
@@ -208,9 +207,9 @@ int parseBackupRecords(const char* inList, const char* outChange, const char* ou
             list->file.setBuffer(kListBufferSize);
         }
         size_t pathLen = std::strlen(path);
-        bool written = (!quotes || sysFwrite("\"", 1, list->file.get()) == 1)
+        bool written = (!quoted || sysFwrite("\"", 1, list->file.get()) == 1)
                        && sysFwrite(path, pathLen, list->file.get()) == pathLen
-                       && (!quotes || sysFwrite("\"", 1, list->file.get()) == 1)
+                       && (!quoted || sysFwrite("\"", 1, list->file.get()) == 1)
                        && sysFwrite("\n", 1, list->file.get()) == 1;
         if (!written) {
             result = -107;

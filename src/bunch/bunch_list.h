@@ -18,10 +18,11 @@ constexpr int BUNCH_LIST_UPDATE = 4;
 // Reads the bunch file `inList`, writes each path to the list of its
 // disposition and registers it through `addPath`. Returns the mask of the
 // lists written (0 to 7) or a negative failure code; `lowIdx` and `hiIdx`
-// receive the lowest and highest offset written.
+// receive the lowest and highest offset written. `quoted` puts each path
+// in double quotes.
 int parseBackupRecords(const char* inList, const char* outChange, const char* outExpire,
                        const char* outStateChange, const char* removePath, offset_t* lowIdx, offset_t* hiIdx,
-                       AddPathFunc addPath);
+                       AddPathFunc addPath, bool quoted);
 
 // Replaces the escapes of a bunch-line path in place: backslash-n becomes a
 // line feed, two backslashes one backslash.

@@ -292,9 +292,8 @@ int TimedClient::close()
 
 } // namespace
 
-int clientTimeoutSetting()
+int clientTimeoutSetting(const char* text)
 {
-    const char* text = std::getenv("QUENBY_CLIENT_TIMEOUT");
     if (text == nullptr || *text < '0' || *text > '9')
         return 0;
     errno = 0;

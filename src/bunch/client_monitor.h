@@ -15,8 +15,8 @@
 int execAndMonitor(const char* command, FILE* shadow, const char* label, int successState, offset_t firstOffset,
                    offset_t lastOffset, int timeoutSeconds = 0);
 
-// QUENBY_CLIENT_TIMEOUT: whole seconds > 0, else 0 (no limit).
-int clientTimeoutSetting();
+// QUENBY_CLIENT_TIMEOUT's `text`: whole seconds > 0, else 0 (no limit).
+int clientTimeoutSetting(const char* text);
 
 struct MonitorCounts {
     int updated = 0;

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 namespace {
 
@@ -34,6 +35,25 @@ const ClientCommand commands[] = {
     {BUNCH_LIST_BACKUP, "KESTREL_BACKUP_CMD", "backup", PDR_NORMAL, "quenby: Backup with %s\n"},
     {BUNCH_LIST_UPDATE, "KESTREL_UPDATE_CMD", "update", PDR_NORMAL, "quenby: Metadata update with %s\n"},
 };
+
+// The run's whole environment, read once at its start.
+struct Settings {
+    const char* command[std::size(commands)]; // by the order of `commands`
+    bool lockShadow;
+    bool quotedPaths;
+    int clientTimeout;
+};
+
+Settings readSettings()
+{
+    Settings s{};
+    for (size_t i = 0; i < std::size(commands); ++i)
+        s.command[i] = std::getenv(commands[i].variable);
+    s.lockShadow = std::getenv("KESTREL_LOCK_SHADOW") != nullptr;
+    s.quotedPaths = std::getenv("KESTREL_NO_QUOTES") == nullptr;
+    s.clientTimeout = clientTimeoutSetting(std::getenv("QUENBY_CLIENT_TIMEOUT"));
+    return s;
+}
 
 bool isDevNull(const char* path)
 {
@@ -112,28 +132,31 @@ bool openShadow(const char* shadowDB, StdioFile& shadow)
 }
 
 // Runs the commands whose lists were written; the status of the last one.
-int runCommands(int mask, FILE* shadow, offset_t firstOffset, offset_t lastOffset, int clientTimeout)
+int runCommands(int mask, FILE* shadow, offset_t firstOffset, offset_t lastOffset, const Settings& settings)
 {
     int result = 0;
-    for (const ClientCommand& cmd : commands) {
+    for (size_t i = 0; i < std::size(commands); ++i) {
+        const ClientCommand& cmd = commands[i];
         if ((mask & cmd.bit) == 0)
             continue;
         if (cmd.bit != BUNCH_LIST_EXPIRE)
             quenbyCheck(expireOldFormat == 0, "expireOldFormat == 0");
-        const char* command = std::getenv(cmd.variable);
+        const char* command = settings.command[i];
         if (command == nullptr) {
             std::printf("quenby: execBunch() %s command not provided in exec\n", cmd.label);
             continue;
         }
         if (quenby_debug > 1)
             std::fprintf(stderr, cmd.debugFormat, command);
-        result = execAndMonitor(command, shadow, cmd.label, cmd.successState, firstOffset, lastOffset, clientTimeout);
+        result = execAndMonitor(command, shadow, cmd.label, cmd.successState, firstOffset, lastOffset,
+                                settings.clientTimeout);
     }
     return result;
 }
 
 int runBunch(const char* inList, const char* outChange, const char* outExpire, const char* outStateChange,
-             const char* shadowDB, int bunchSize, const char* removePath, StdioFile& shadow)
+             const char* shadowDB, int bunchSize, const char* removePath, const Settings& settings,
+             StdioFile& shadow)
 {
     bool oldFormatExpiry = false;
     if (isDevNull(outChange)) {
@@ -164,13 +187,12 @@ int runBunch(const char* inList, const char* outChange, const char* outExpire, c
     if (refuseSharedOutputs(stdout, "quenby:execBunch(): ", {inList}, {shadowDB, outChange, outExpire, outStateChange})
         != 0)
         return -1;
-    const bool locking = std::getenv("KESTREL_LOCK_SHADOW") != nullptr && !oldFormatExpiry;
-    const int clientTimeout = clientTimeoutSetting();
+    const bool locking = settings.lockShadow && !oldFormatExpiry;
 
     offset_t firstOffset = 0;
     offset_t lastOffset = 0;
     int mask = parseBackupRecords(inList, outChange, outExpire, outStateChange, removePath, &firstOffset,
-                                  &lastOffset, gsi_insert);
+                                  &lastOffset, gsi_insert, settings.quotedPaths);
     if (mask <= 0) {
         std::printf("quenby:execBunch() error %d parsing records, skipping exec\n", mask);
         return mask;
@@ -197,7 +219,7 @@ int runBunch(const char* inList, const char* outChange, const char* outExpire, c
                          shadowDB);
     }
 
-    int result = runCommands(mask, shadow.get(), firstOffset, lastOffset, clientTimeout);
+    int result = runCommands(mask, shadow.get(), firstOffset, lastOffset, settings);
 
     if (lock.held()) {
         lock.release();
@@ -213,6 +235,7 @@ int runBunch(const char* inList, const char* outChange, const char* outExpire, c
 int execBunch(const char* inList, const char* outChange, const char* outExpire, const char* outStateChange,
               const char* shadowDB, int bunchSize, const char* removePath)
 {
+    const Settings settings = readSettings();
     auto orNull = [](const char* s) { return s != nullptr ? s : "(null)"; };
     if (quenby_debug > 0)
         std::fprintf(stderr, "quenby:execBunch(%s %s %s %s %s %d %s)\n", orNull(inList), orNull(outChange),
@@ -229,7 +252,8 @@ int execBunch(const char* inList, const char* outChange, const char* outExpire, 
     StdioFile shadow;
     int result;
     try {
-        result = runBunch(inList, outChange, outExpire, outStateChange, shadowDB, bunchSize, removePath, shadow);
+        result = runBunch(inList, outChange, outExpire, outStateChange, shadowDB, bunchSize, removePath, settings,
+                          shadow);
     } catch (const ConsistencyError& broken) {
         // Nothing more is rewritten; the lock and the files go with the unwinding.
         std::fprintf(stderr, "quenby:execBunch() consistency check failed: %s\n", broken.what());
