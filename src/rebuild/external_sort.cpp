@@ -78,15 +78,15 @@ int createNoFollow(const char* path, bool exclusive, FILE** streamOut)
     return 0;
 }
 
-int sortFile(const char* inFile, const char* outFile, const char* tempDir, const char* sortOptions)
+int sortFile(const char* inFile, const char* outFile, const char* tempDir, const char* sortOptions,
+             const char* sortCommand)
 {
     struct stat st;
     if (stat("/etc/debian_version", &st) == 0)
         predefinedSortCommand = "LC_ALL=C /usr/bin/sort";
     const char* command = predefinedSortCommand;
-    const char* custom = std::getenv("KESTREL_SORT_OPTIONS");
-    if (custom != nullptr && std::strlen(custom) < kSortOptionsMax)
-        command = custom;
+    if (sortCommand != nullptr && std::strlen(sortCommand) < kSortOptionsMax)
+        command = sortCommand;
 
     std::string line = command;
     line += ' ';
@@ -113,7 +113,8 @@ int sortFile(const char* inFile, const char* outFile, const char* tempDir, const
     return status;
 }
 
-int sortPDRListByPathname(const char* listFile, const char* sortedFile, char** expireData, const char* tempDir)
+int sortPDRListByPathname(const char* listFile, const char* sortedFile, char** expireData, const char* tempDir,
+                          const char* sortCommand)
 {
     if (listFile == nullptr || sortedFile == nullptr)
         return -1;
@@ -188,7 +189,7 @@ int sortPDRListByPathname(const char* listFile, const char* sortedFile, char** e
     }
     if (index.close() != 0)
         systemError("quenby: fclose tmp shadow file");
-    int result = sortFile(indexName, sortedFile, tempDir, "-b -k 2");
+    int result = sortFile(indexName, sortedFile, tempDir, "-b -k 2", sortCommand);
     sysUnlink(indexName);
     return result;
 }

@@ -12,9 +12,11 @@ extern const char* predefinedSortCommand;
 constexpr int SORT_COMMAND_MAX = 8192;
 
 // Sorts `inFile` into `outFile` with `sortOptions`, temporary files in
-// `tempDir` ("/tmp" when null). 0, the shell's raw status, or -1 for a
-// command line that does not fit.
-int sortFile(const char* inFile, const char* outFile, const char* tempDir, const char* sortOptions);
+// `tempDir` ("/tmp" when null). `sortCommand` (KESTREL_SORT_OPTIONS), when
+// set and shorter than 4096 bytes, replaces the command part. 0, the
+// shell's raw status, or -1 for a command line that does not fit.
+int sortFile(const char* inFile, const char* outFile, const char* tempDir, const char* sortOptions,
+             const char* sortCommand);
 
 // Creates `path` for writing without following a symbolic link there (not
 // inherited by children; the caller's umask applies). `exclusive` refuses
@@ -27,4 +29,6 @@ int createNoFollow(const char* path, bool exclusive, FILE** streamOut);
 // the first record into *expireData (the caller frees it). 0, the sort's
 // status, the reader's result, or a negative code. A `sortedFile` that is a
 // symbolic link is refused (-1): the sort would write where it points.
-int sortPDRListByPathname(const char* listFile, const char* sortedFile, char** expireData, const char* tempDir);
+// `sortCommand` as for sortFile.
+int sortPDRListByPathname(const char* listFile, const char* sortedFile, char** expireData, const char* tempDir,
+                          const char* sortCommand);

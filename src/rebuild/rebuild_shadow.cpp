@@ -342,6 +342,8 @@ int openInput(StdioFile& file, const char* path, const char* prefix, size_t buff
 
 int rebuildShadow(const char* qbsFile, const char* fsListFile, const char* outShadow, const char* sortDir)
 {
+    // The run's whole environment, read once at its start.
+    const char* sortCommand = std::getenv("KESTREL_SORT_OPTIONS");
     if (qbsFile == nullptr || fsListFile == nullptr || outShadow == nullptr) {
         std::fputs("Usage: quenby rebuildShadow <qbs shadow file> <fs list file> <out shadow>\n", stderr);
         return -1;
@@ -358,7 +360,7 @@ int rebuildShadow(const char* qbsFile, const char* fsListFile, const char* outSh
     if (refuseSharedOutputs(stderr, "quenby: rebuildShadow: ", {qbsFile, fsListFile}, {pathName, sortedName, outShadow}) != 0)
         return -1;
     char* expireData = nullptr;
-    int sorted = sortPDRListByPathname(fsListFile, sortedName, &expireData, sortDir);
+    int sorted = sortPDRListByPathname(fsListFile, sortedName, &expireData, sortDir, sortCommand);
     if (sorted != 0) {
         std::fprintf(stderr, "quenby rebuildShadow : sort scan list file fail, rc = %d\n", sorted);
         std::free(expireData);

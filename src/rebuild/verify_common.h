@@ -25,6 +25,7 @@ struct VerifyCounts {
 struct VerifyContext {
     const char* shadowFile;
     const char* sortDirectory;
+    const char* sortCommand; // KESTREL_SORT_OPTIONS
     StdioFile shadow;
     StdioFile report;
     PolicyRecord shadowRec;

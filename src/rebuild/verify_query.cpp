@@ -216,7 +216,7 @@ int verifyQueryWalk(VerifyContext& v, const char* qbsQueryFile, const char* sort
 {
     *completed = false;
     char* expire = nullptr;
-    int rc = sortPDRListByPathname(v.shadowFile, sortedIndexName, &expire, v.sortDirectory);
+    int rc = sortPDRListByPathname(v.shadowFile, sortedIndexName, &expire, v.sortDirectory, v.sortCommand);
     std::unique_ptr<char, FreeDeleter> expireData(expire);
     if (rc != 0) {
         std::fprintf(stderr, "quenby:VERIFYSHADOW::1::sort scan shadow file fail, rc = %d\n", rc);

@@ -10,6 +10,7 @@
 
 #include <cstdarg>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -415,8 +416,10 @@ int VerifyContext::readShadow()
 int verifyShadow(const char* shadowFile, const char* prepListFile, const char* outputFile, const char* qbsQueryFile,
                  const char* sortDirectory)
 {
+    // The run's whole environment, read once at its start.
+    const char* sortCommand = std::getenv("KESTREL_SORT_OPTIONS");
     const bool queryMode = qbsQueryFile != nullptr;
-    VerifyContext v{shadowFile, sortDirectory, {}, {}, {}, false, {}};
+    VerifyContext v{shadowFile, sortDirectory, sortCommand, {}, {}, {}, false, {}};
     StdioFile prepList;
     ListWalk walk(v);
     char sortedName[kNameSize];

@@ -16,13 +16,14 @@ protected:
     testutil::GlobalsGuard guard;
     testutil::ScratchDir dir;
     std::string script = dir.file("sort"), argsFile = dir.file("args"), in = dir.file("in"), out = dir.file("o"), err;
+    std::string command; // as KESTREL_SORT_OPTIONS holds it
 
     // The stand-in as the command part; NUL-separated, a newline inside an argument stays visible.
     void useFake(int code, const std::string& before = "", const std::string& after = "")
     {
         testutil::writeFile(script, "#!/bin/sh\nprintf '%s\\0' \"$@\" >" + argsFile + "\nexit " + std::to_string(code));
         chmod(script.c_str(), 0755);
-        guard.setEnv("KESTREL_SORT_OPTIONS", before + script + after);
+        command = before + script + after;
     }
     Args args()
     {
@@ -36,7 +37,7 @@ protected:
     int sort(const std::string& inFile, const std::string& outFile, const char* tempDir)
     {
         int rc = 0;
-        err = testutil::stderrOf([&] { rc = sortFile(inFile.c_str(), outFile.c_str(), tempDir, "-b -k 2"); });
+        err = testutil::stderrOf([&] { rc = sortFile(inFile.c_str(), outFile.c_str(), tempDir, "-b -k 2", command.c_str()); });
         return rc;
     }
 };
