@@ -1,7 +1,8 @@
+#include "verify/verify_query.h"
+
 #include "cli/dispatch.h"
 #include "rebuild/external_sort.h"
 #include "rebuild/index_query.h"
-#include "rebuild/verify_common.h"
 #include "records/record_at.h"
 #include "support/file_open.h"
 
