@@ -21,7 +21,7 @@ constexpr int PDR_EXPIRE = 0xe;
 // Header block of a shadow database.
 inline constexpr char SHADOW_MAGIC[] = "%%mshadow0%%";
 inline constexpr char SHADOW_COMMENT_TAG[] = "%%shadow%%";
-inline constexpr char SHADOW_FORMAT_VERSION[] = "1400";
+constexpr int SHADOW_FORMAT_VERSION = 1400; // written, and required by verifyshadow
 inline constexpr char SHADOW_COMMENT_LINES[] =
     "%%shadow%%:03_COMMENT::1:\n"
     "%%shadow%%:03_COMMENT::2:   This is a machine generated file.\n"

@@ -3,6 +3,7 @@
 #include "cli/dispatch.h"
 #include "rebuild/external_sort.h"
 #include "records/record_edit.h"
+#include "records/shadow_header.h"
 #include "support/file_open.h"
 #include "support/output_file.h"
 #include "support/sys_call.h"
@@ -18,7 +19,6 @@ namespace {
 constexpr int kNameSize = 4096;
 inline constexpr char kCannotRead[] = "quenby::VERIFYSHADOW::1::could not open %s for read (error=%d)\n";
 inline constexpr char kCannotWrite[] = "quenby::VERIFYSHADOW::1::could not open %s for write (error=%d)\n";
-constexpr int kShadowVersion = 1400;
 
 bool isNone(const char* name)
 {
@@ -304,7 +304,7 @@ void printSummary(const VerifyCounts& c, bool queryMode, const char* reportName)
 }
 
 
-// Header line 1 must carry format version 1400.
+// Header line 1 must carry the current format version.
 int checkHeader(VerifyContext& v)
 {
     char* line = v.shadowRec.line.ptr;
@@ -313,17 +313,15 @@ int checkHeader(VerifyContext& v)
         std::fprintf(stderr, "quenby::VERIFYSHADOW::1::could not get shadow header in %s\n", v.shadowFile);
         return -1;
     }
-    char f1[256], f2[256], f4[4096], f5[256], f7[256];
-    int version = 0, count = 0;
-    f4[0] = '\0';
-    std::sscanf(line, "%255[^:]:%255[^:]:%d:%4095[^:]:%255[^:]:%d:%255[^\n]", f1, f2, &version, f4, f5, &count, f7);
-    if (version != kShadowVersion) {
-        std::fprintf(stderr, "quenby::VERIFYSHADOW::1::shadow file version %d shadow hdr version %s\n", version,
-                     "1400");
+    const ShadowHeaderVersion header = peekShadowHeaderVersion(line);
+    if (header.version != SHADOW_FORMAT_VERSION) {
+        std::fprintf(stderr, "quenby::VERIFYSHADOW::1::shadow file version %d shadow hdr version %d\n", header.version,
+                     SHADOW_FORMAT_VERSION);
         return -1;
     }
     if (quenby_debug > 4)
-        std::fprintf(stderr, "quenby:VERIFYSHADOW::1::shadow header(version %d backupdir %s)\n", version, f4);
+        std::fprintf(stderr, "quenby:VERIFYSHADOW::1::shadow header(version %d backupdir %.*s)\n", header.version,
+                     static_cast<int>(header.backupDirLength), header.backupDir);
     return 0;
 }
 
