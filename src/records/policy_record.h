@@ -73,8 +73,14 @@ int scanRecordHead(const char* text, uint64_t* ino, uint64_t* gen, unsigned int*
 // or -1 when the text ran out first.
 int scanLengthField(const char* text, int* length, const char** end = nullptr);
 
-// True for "." and paths beginning with ".kestrel" or ".execScript".
-bool isInternalPath(const char* path);
+// Which of the backup tool's own paths a reader passes over. The readers
+// have always differed, and their outputs show it, so each keeps its rule.
+enum class InternalPaths {
+    all,       // ".", names beginning ".kestrel" or ".execScript": records
+    noScripts, // ".", names beginning ".kestrel": the path-sorted index
+    toolOnly,  // names beginning ".kestrel": the server's query file
+};
+bool isInternalPath(const char* path, InternalPaths rule = InternalPaths::all);
 
 // One side of a merge: the reader's buffers and outputs for the current record.
 struct PolicyRecord {

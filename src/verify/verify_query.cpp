@@ -56,7 +56,7 @@ private:
     bool unsupportedQueryPath() const
     {
         const char* path = queryPath_.ptr;
-        return std::strncmp(path, ".kestrel", 8) == 0 || std::strchr(path, '\x18') != nullptr
+        return isInternalPath(path, InternalPaths::toolOnly) || std::strchr(path, '\x18') != nullptr
                || std::strchr(path, '\x19') != nullptr;
     }
     int shadowTail();
