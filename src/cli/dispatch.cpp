@@ -3,11 +3,11 @@
 #include "bunch/exec_bunch.h"
 #include "clientopts/validate_client.h"
 #include "rebuild/rebuild_shadow.h"
-#include "rebuild/verify_shadow.h"
 #include "records/policy_record.h"
 #include "support/debug_level.h"
 #include "update/cluster_mig_diff.h"
 #include "update/update_shadow.h"
+#include "verify/verify_shadow.h"
 
 #include <cstdint>
 #include <cstdio>

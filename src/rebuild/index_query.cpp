@@ -1,5 +1,6 @@
 #include "rebuild/index_query.h"
 
+#include "records/policy_record.h"
 #include "records/scanf_cursor.h"
 #include "support/debug_level.h"
 #include "support/file_stream.h"
@@ -62,7 +63,7 @@ int readIndexFile(FILE* stream, char** pathBuf, int* pathBufSize, long long* off
             path[--pathLen] = '\0';
         if (quenby_debug > 4)
             std::fprintf(stderr, "readIndexFile:%lld:%s\n", *offset, path);
-        if (std::strcmp(path, ".") == 0 || std::strncmp(path, ".kestrel", 8) == 0)
+        if (isInternalPath(path, InternalPaths::noScripts))
             continue;
         if (static_cast<size_t>(*pathBufSize) <= pathLen) {
             long long want = 2LL * *pathBufSize > static_cast<long long>(pathLen) + 1 ? 2LL * *pathBufSize

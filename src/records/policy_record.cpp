@@ -230,10 +230,15 @@ bool isShadowHeaderLine(const char* line)
                || startsWith(line, SHADOW_COMMENT_TAG, sizeof SHADOW_COMMENT_TAG - 1));
 }
 
-bool isInternalPath(const char* path)
+bool isInternalPath(const char* path, InternalPaths rule)
 {
-    return path[0] == '.'
-           && (path[1] == '\0' || startsWith(path, ".kestrel", 8) || startsWith(path, ".execScript", 11));
+    if (path[0] != '.')
+        return false;
+    if (startsWith(path, ".kestrel", 8))
+        return true;
+    if (rule == InternalPaths::toolOnly)
+        return false;
+    return path[1] == '\0' || (rule == InternalPaths::all && startsWith(path, ".execScript", 11));
 }
 
 int readPolicyRecord(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t* ino, uint64_t* gen,

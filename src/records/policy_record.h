@@ -21,7 +21,7 @@ constexpr int PDR_EXPIRE = 0xe;
 // Header block of a shadow database.
 inline constexpr char SHADOW_MAGIC[] = "%%mshadow0%%";
 inline constexpr char SHADOW_COMMENT_TAG[] = "%%shadow%%";
-inline constexpr char SHADOW_FORMAT_VERSION[] = "1400";
+constexpr int SHADOW_FORMAT_VERSION = 1400; // written, and required by verifyshadow
 inline constexpr char SHADOW_COMMENT_LINES[] =
     "%%shadow%%:03_COMMENT::1:\n"
     "%%shadow%%:03_COMMENT::2:   This is a machine generated file.\n"
@@ -77,8 +77,14 @@ int scanRecordHead(const char* text, uint64_t* ino, uint64_t* gen, unsigned int*
 // or -1 when the text ran out first.
 int scanLengthField(const char* text, int* length, const char** end = nullptr);
 
-// True for "." and paths beginning with ".kestrel" or ".execScript".
-bool isInternalPath(const char* path);
+// Which of the backup tool's own paths a reader passes over. The readers
+// have always differed, and their outputs show it, so each keeps its rule.
+enum class InternalPaths {
+    all,       // ".", names beginning ".kestrel" or ".execScript": records
+    noScripts, // ".", names beginning ".kestrel": the path-sorted index
+    toolOnly,  // names beginning ".kestrel": the server's query file
+};
+bool isInternalPath(const char* path, InternalPaths rule = InternalPaths::all);
 
 // One side of a merge: the reader's buffers and outputs for the current record.
 struct PolicyRecord {

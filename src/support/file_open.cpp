@@ -6,10 +6,6 @@
 #include <cstring>
 #include <fcntl.h>
 
-void syncFuncNoop() {}
-PopenSyncFunc PopenSyncAcquireP = syncFuncNoop;
-PopenSyncFunc PopenSyncReleaseP = syncFuncNoop;
-
 namespace {
 
 // Linux errno 0..129 to the portable numbering. Entries 0..34 are the
@@ -57,33 +53,23 @@ int cxiErrnoChecked()
     return code == 0 ? -1 : code;
 }
 
-int cxiFopen(const char* path, const char* mode, FILE** streamOut, Inherit_t inherit)
+int cxiFopen(const char* path, const char* mode, FILE** streamOut, Inherit_t /*inherit*/)
 {
     *streamOut = nullptr;
-    if (inherit == inheritSync)
-        PopenSyncAcquireP();
-
-    int result = 0;
-    if (path == nullptr) {
-        result = 22;
-    } else {
-        FILE* stream = sysFopen(path, mode);
-        if (stream == nullptr) {
-            result = cxiErrnoChecked();
-        } else if ((inherit == inheritNone || inherit == inheritSync)
-                   && sysFcntl(fileno(stream), F_SETFD, FD_CLOEXEC) == -1) {
-            result = cxiErrnoChecked();
-            int saved = errno;
-            std::fclose(stream);
-            errno = saved;
-        } else {
-            *streamOut = stream;
-        }
+    if (path == nullptr)
+        return 22;
+    FILE* stream = sysFopen(path, mode);
+    if (stream == nullptr)
+        return cxiErrnoChecked();
+    if (sysFcntl(fileno(stream), F_SETFD, FD_CLOEXEC) == -1) {
+        int result = cxiErrnoChecked();
+        int saved = errno;
+        std::fclose(stream);
+        errno = saved;
+        return result;
     }
-
-    if (inherit == inheritSync)
-        PopenSyncReleaseP();
-    return result;
+    *streamOut = stream;
+    return 0;
 }
 
 void systemError(const char* prefix)

@@ -6,15 +6,8 @@
 
 // What happens to a new descriptor in child processes.
 enum Inherit_t : int {
-    inheritNone = 0,  // close-on-exec
-    inheritSync = 1,  // close-on-exec, popen synchronisation hooks run around the open
-    inheritChild = 2, // children inherit the descriptor (2 and above)
+    inheritNone = 0, // close-on-exec
 };
-
-using PopenSyncFunc = void (*)();
-void syncFuncNoop();
-extern PopenSyncFunc PopenSyncAcquireP;
-extern PopenSyncFunc PopenSyncReleaseP;
 
 // Maps a Linux errno value to the portable error code.
 int errnoToPortable(int e);

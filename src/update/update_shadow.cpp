@@ -3,11 +3,11 @@
 #include "records/policy_record.h"
 #include "records/record_edit.h"
 #include "support/debug_level.h"
+#include "records/shadow_header.h"
 #include "support/file_open.h"
 #include "support/file_stream.h"
 #include "support/sys_call.h"
 #include "update/record_merge.h"
-#include "update/shadow_header.h"
 
 #include <cstdint>
 #include <cstdio>

@@ -66,6 +66,11 @@ LIST = [
                                    pdr(5, show=show(hsm=None)), pdr(9, path="bad\x18")]),
     case("header version 1300", header(version=1300) + N1, [], stdout="::VERIFYSHADOW::-1::0::0::\n",
          stderr="quenby::VERIFYSHADOW::1::shadow file version 1300 shadow hdr version 1400\n"),
+    # Laxer than updateshadow: only the version counts, once two fields of 1 to 255 bytes come before it.
+    case("a header without the mark or the tool name", "X:n:1400:dir\n" + N1, [], [1], [0, 0, 0, 1], prep=[N1]),
+    case("a header's first field over 255 bytes", "X" * 256 + ":n:1400:\n" + N1, [], prep=[N1],
+         stdout="::VERIFYSHADOW::-1::0::0::\n",
+         stderr="quenby::VERIFYSHADOW::1::shadow file version 0 shadow hdr version 1400\n"),
 ] + [case(name + ": the default report", [N1], [], args=["verifyshadow", "shadow", "prep"] + more, expect={"rep": None},
           stdout=re.compile(re.escape(out([1], [0, 0, 0, 1], "@")).replace("@", DEFAULT_RE)))
         for name, more in (("report NONE", ["NONE"]), ("no report named", []))]

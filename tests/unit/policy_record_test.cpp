@@ -51,6 +51,21 @@ TEST(ReadPolicyRecord, ClassifiesPathsAndSplitsShow)
     }
 }
 
+// The path-sorted index and the server's query file pass over fewer of the tool's paths.
+TEST(IsInternalPath, EachReaderKeepsItsRule)
+{
+    const struct {
+        const char* path; const char* all_noScripts_toolOnly;
+    } rows[] = {{".", "110"}, {".kestrel", "111"}, {".kestrelSnapshot/x", "111"}, {".execScript/x", "100"},
+                {".execScrip", "000"}, {"..", "000"}, {"a/.kestrel", "000"}, {"", "000"}};
+    for (const auto& row : rows) {
+        std::string got;
+        for (InternalPaths rule : {InternalPaths::all, InternalPaths::noScripts, InternalPaths::toolOnly})
+            got += isInternalPath(row.path, rule) ? '1' : '0';
+        EXPECT_EQ(got, row.all_noScripts_toolOnly) << row.path;
+    }
+}
+
 TEST(ReadPolicyRecord, FailuresPrintTheStepMessageWithTheLine)
 {
     const std::string longLine = pdr(std::string(20000, 'L')), parse = "failed to parse shadow line [";

@@ -1,7 +1,9 @@
 // Header line 1 of a shadow database: read from the previous database,
-// carried over, and written at the top of the next one.
+// carried over, written at the top of the next one, and checked by
+// verifyshadow.
 #pragma once
 
+#include <cstddef>
 #include <cstdio>
 
 constexpr int SHADOW_DBNAME_MAX = 19;
@@ -12,7 +14,6 @@ constexpr int SHADOW_DATE_MAX = 31;
 
 inline constexpr char SHADOW_DEFAULT_DBNAME[] = "00_BACKUP_FILES_41";
 inline constexpr char SHADOW_DEFAULT_TOOLNAME[] = "kestrel";
-constexpr int SHADOW_DEFAULT_FORMAT = 1400;
 constexpr int SHADOW_DEFAULT_COUNT = 1;
 
 struct ShadowHeader {
@@ -30,6 +31,17 @@ void setDefaultShadowHeader(ShadowHeader* header, const char* oldShadowPath);
 
 // Parses header line 1. 0, or the code of the first failing check (-5 to -14).
 int parseShadowHeader(const char* line, ShadowHeader* header);
+
+// What verifyshadow has always taken from header line 1, more leniently
+// than parseShadowHeader: the format version, 0 unless the two fields
+// before it are 1 to 255 bytes each; and the backup directory (at most
+// 4095 bytes, not NUL-terminated), empty unless ':' follows the version.
+struct ShadowHeaderVersion {
+    int version;
+    const char* backupDir;
+    size_t backupDirLength;
+};
+ShadowHeaderVersion peekShadowHeaderVersion(const char* line);
 
 // Reads the first line of `stream` into the caller's growable buffer and
 // parses it. 0, -2 empty file, -3 no memory, -4 no repositioning, or a

@@ -1,14 +1,14 @@
-#include "rebuild/verify_shadow.h"
+#include "verify/verify_shadow.h"
 
 #include "rebuild/external_sort.h"
-#include "rebuild/verify_common.h"
 #include "records/record_edit.h"
 #include "support/debug_level.h"
+#include "records/shadow_header.h"
 #include "support/file_open.h"
 #include "support/output_file.h"
 #include "support/sys_call.h"
+#include "verify/verify_query.h"
 
-#include <cstdarg>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -20,7 +20,6 @@ namespace {
 constexpr int kNameSize = 4096;
 inline constexpr char kCannotRead[] = "quenby::VERIFYSHADOW::1::could not open %s for read (error=%d)\n";
 inline constexpr char kCannotWrite[] = "quenby::VERIFYSHADOW::1::could not open %s for write (error=%d)\n";
-constexpr int kShadowVersion = 1400;
 
 bool isNone(const char* name)
 {
@@ -306,7 +305,7 @@ void printSummary(const VerifyCounts& c, bool queryMode, const char* reportName)
 }
 
 
-// Header line 1 must carry format version 1400.
+// Header line 1 must carry the current format version.
 int checkHeader(VerifyContext& v)
 {
     char* line = v.shadowRec.line.ptr;
@@ -315,17 +314,15 @@ int checkHeader(VerifyContext& v)
         std::fprintf(stderr, "quenby::VERIFYSHADOW::1::could not get shadow header in %s\n", v.shadowFile);
         return -1;
     }
-    char f1[256], f2[256], f4[4096], f5[256], f7[256];
-    int version = 0, count = 0;
-    f4[0] = '\0';
-    std::sscanf(line, "%255[^:]:%255[^:]:%d:%4095[^:]:%255[^:]:%d:%255[^\n]", f1, f2, &version, f4, f5, &count, f7);
-    if (version != kShadowVersion) {
-        std::fprintf(stderr, "quenby::VERIFYSHADOW::1::shadow file version %d shadow hdr version %s\n", version,
-                     "1400");
+    const ShadowHeaderVersion header = peekShadowHeaderVersion(line);
+    if (header.version != SHADOW_FORMAT_VERSION) {
+        std::fprintf(stderr, "quenby::VERIFYSHADOW::1::shadow file version %d shadow hdr version %d\n", header.version,
+                     SHADOW_FORMAT_VERSION);
         return -1;
     }
     if (quenby_debug > 4)
-        std::fprintf(stderr, "quenby:VERIFYSHADOW::1::shadow header(version %d backupdir %s)\n", version, f4);
+        std::fprintf(stderr, "quenby:VERIFYSHADOW::1::shadow header(version %d backupdir %.*s)\n", header.version,
+                     static_cast<int>(header.backupDirLength), header.backupDir);
     return 0;
 }
 
@@ -375,43 +372,6 @@ int closeReport(VerifyContext& v, const char* name)
 }
 
 } // namespace
-
-void VerifyContext::reportLine(const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    if (std::vfprintf(report.get(), format, args) < 0 && reportError == 0)
-        reportError = cxiErrnoChecked();
-    va_end(args);
-}
-
-void VerifyContext::checkHsmState()
-{
-    const char* hsm = shadowRec.hsmState;
-    if (hsm != nullptr && (std::strcmp(hsm, "resdnt") == 0 || std::strcmp(hsm, "migrat") == 0
-                           || std::strcmp(hsm, "premig") == 0))
-        return;
-    reportLine("Wrong migration state flag: %016llx %s %s\n", (unsigned long long)shadowRec.ino, shadowRec.path.ptr,
-               hsm != nullptr ? hsm : "");
-    ++counts.invalid;
-}
-
-int VerifyContext::readShadow()
-{
-    for (;;) {
-        int rc = shadowRec.read(shadow.get());
-        shadowExamined = false;
-        if (rc < 0 || shadowRec.endOfFile)
-            return rc < 0 ? rc : 0;
-        if (rc == PDR_UNSUPPORTED || rc == PDR_INTERNAL) {
-            reportLine("INTERNAL file or UNSUPPORTED characters in shadow: %016llx %s\n",
-                       (unsigned long long)shadowRec.ino, shadowRec.path.ptr);
-            ++counts.invalid;
-            continue;
-        }
-        return 0;
-    }
-}
 
 int verifyShadow(const char* shadowFile, const char* prepListFile, const char* outputFile, const char* qbsQueryFile,
                  const char* sortDirectory)

@@ -43,8 +43,3 @@ struct VerifyContext {
     // records are reported and passed over. The reader's result.
     int readShadow();
 };
-
-// The query walk: the shadow database compared by path with the server's
-// query file. 1 when something failed verification, 0 when not, otherwise
-// the code of the failure that stopped it; *completed tells which.
-int verifyQueryWalk(VerifyContext& v, const char* qbsQueryFile, const char* sortedIndexName, bool* completed);

@@ -1,6 +1,7 @@
+#include "verify/verify_query.h"
+
 #include "rebuild/external_sort.h"
 #include "rebuild/index_query.h"
-#include "rebuild/verify_common.h"
 #include "records/record_at.h"
 #include "support/debug_level.h"
 #include "support/file_open.h"
@@ -55,7 +56,7 @@ private:
     bool unsupportedQueryPath() const
     {
         const char* path = queryPath_.ptr;
-        return std::strncmp(path, ".kestrel", 8) == 0 || std::strchr(path, '\x18') != nullptr
+        return isInternalPath(path, InternalPaths::toolOnly) || std::strchr(path, '\x18') != nullptr
                || std::strchr(path, '\x19') != nullptr;
     }
     int shadowTail();
