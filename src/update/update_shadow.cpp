@@ -256,7 +256,8 @@ int ShadowMerge::expireWriteOld(int editPlace, const char* label, int writePlace
 int ShadowMerge::setListWriteNew(int state, int editPlace, const char* label, int writePlace)
 {
     int rc = 0;
-    (rc = setState(new_.rec, state, editPlace)) || (rc = listNewHere(state, label)) || (rc = write(new_.rec, writePlace));
+    (rc = setState(new_.rec, state, editPlace)) || (rc = listNewHere(state, label))
+        || (rc = write(new_.rec, writePlace));
     return rc;
 }
 
