@@ -18,15 +18,16 @@ inline constexpr char kCannotWrite[] = "quenby::CLUSTERMIGDIFFERR::1::could not 
 // shadow database to point into.
 constexpr offset_t kNoOffset = 0;
 
-// The result of each failing state edit, by the place that made it.
+// The result of each failing state edit, by the case that made it: the
+// same numbers as the matching places of the shadow update.
 enum FailPlace : int {
-    failNewFileEdit = -11,
-    failGoneFileEdit = -37,
-    failMovedOldEdit = -41,
-    failMovedNewEdit = -45,
-    failReusedEdit = -49,
-    failNoOldEdit = -63,
-    failNoNewEdit = -67,
+    kNewFileEdit = -11,
+    kGoneEdit = -37,
+    kMovedOldEdit = -41,
+    kMovedNewEdit = -45,
+    kReusedEdit = -49,
+    kNoMoreOldEdit = -63,
+    kNoMoreNewEdit = -67,
 };
 
 class MigrationDiff : public RecordMerge {
@@ -44,6 +45,13 @@ private:
     int decide(Keep& keep) override;
     int noMoreOld() override;
     int noMoreNew() override;
+
+    // The decisions, named like the shadow update's rows for the same case.
+    int newFile(Keep& keep);
+    int gone(Keep& keep);
+    int moved();
+    int reused();
+    int showChanged(int diff);
 
     int readSide(MergeSide& side, FILE* in, bool readingRules)
     {
@@ -74,50 +82,65 @@ int MigrationDiff::decide(Keep& keep)
 {
     const PolicyRecord& o = old_.rec;
     const PolicyRecord& n = new_.rec;
-    const bool debug = quenby_debug > 4;
-
-    if (o.ino > n.ino) {
-        // A file the old list does not have.
-        if (debug)
-            std::fprintf(stderr, "quenby:clusterMigDiff:BACKUP old/new ino [%llx/%llx]\n%s",
-                         (unsigned long long)o.ino, (unsigned long long)n.ino, n.line.ptr);
-        keep = keepOld;
-        return backupNew(failNewFileEdit, "updatePDRForBackup 2");
-    }
-    if (sameRecord()) {
-        // Nothing changed at all.
-        return 0;
-    }
-    if (o.ino < n.ino) {
-        // A file that is gone.
-        keep = keepNew;
-        return expireOld(failGoneFileEdit, "updatePDRForExpire 8");
-    }
-    if (std::strcmp(o.path.ptr, n.path.ptr) != 0) {
-        // Moved: the old path expired, the new one backed up.
-        if (int rc = expireOld(failMovedOldEdit, "updatePDRForExpire 10"))
-            return rc;
-        return backupNew(failMovedNewEdit, "updatePDRForBackup 8");
-    }
-    if (o.gen != n.gen && o.gen != MERGE_ANY_GENERATION) {
-        // The same path, another file: backed up, the old one not expired.
-        if (debug)
-            std::fprintf(stderr, "quenby:clusterMigDiff:NORMAL same ino:o/ngen [%llx:%llx/%llx]\n%s",
-                         (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen,
-                         n.line.ptr);
-        return backupNew(failReusedEdit, "updatePDRForBackup 10");
-    }
+    if (o.ino > n.ino)
+        return newFile(keep);
+    if (sameRecord())
+        return 0; // nothing changed at all
+    if (o.ino < n.ino)
+        return gone(keep);
+    if (std::strcmp(o.path.ptr, n.path.ptr) != 0)
+        return moved();
+    if (o.gen != n.gen && o.gen != MERGE_ANY_GENERATION)
+        return reused();
     const char* oldHsm = o.hsmState != nullptr ? o.hsmState : n.hsmState;
-    int d = diffShowData(o.show.ptr, n.show.ptr, o.filesetName, n.filesetName, oldHsm, n.hsmState);
+    int diff = diffShowData(o.show.ptr, n.show.ptr, o.filesetName, n.filesetName, oldHsm, n.hsmState);
     // A state on one side only differs from the other.
-    bool hsmAgrees = o.hsmState == nullptr
-                     || (n.hsmState != nullptr && std::strcmp(o.hsmState, n.hsmState) == 0);
-    if (d == 0 && hsmAgrees) {
-        // The same file, nothing that matters changed.
-        return 0;
-    }
-    // The same file changed: listed with the scan list's own flag.
-    int state = (d & (SHOW_CTIME_CHANGED | SHOW_HSM_CHANGED)) ? PDR_METACH : PDR_BACKUP;
+    bool hsmAgrees = o.hsmState == nullptr || (n.hsmState != nullptr && std::strcmp(o.hsmState, n.hsmState) == 0);
+    if (diff == 0 && hsmAgrees)
+        return 0; // the same file, nothing that matters changed
+    return showChanged(diff);
+}
+
+// A file the old list does not have.
+int MigrationDiff::newFile(Keep& keep)
+{
+    if (quenby_debug > 4)
+        std::fprintf(stderr, "quenby:clusterMigDiff:BACKUP old/new ino [%llx/%llx]\n%s",
+                     (unsigned long long)old_.rec.ino, (unsigned long long)new_.rec.ino, new_.rec.line.ptr);
+    keep = keepOld;
+    return backupNew(kNewFileEdit, "updatePDRForBackup 2");
+}
+
+// A file that is gone.
+int MigrationDiff::gone(Keep& keep)
+{
+    keep = keepNew;
+    return expireOld(kGoneEdit, "updatePDRForExpire 8");
+}
+
+// Moved: the old path expired, the new one backed up.
+int MigrationDiff::moved()
+{
+    if (int rc = expireOld(kMovedOldEdit, "updatePDRForExpire 10"))
+        return rc;
+    return backupNew(kMovedNewEdit, "updatePDRForBackup 8");
+}
+
+// The same path, another file: backed up, the old one not expired.
+int MigrationDiff::reused()
+{
+    const PolicyRecord& o = old_.rec;
+    const PolicyRecord& n = new_.rec;
+    if (quenby_debug > 4)
+        std::fprintf(stderr, "quenby:clusterMigDiff:NORMAL same ino:o/ngen [%llx:%llx/%llx]\n%s",
+                     (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen, n.line.ptr);
+    return backupNew(kReusedEdit, "updatePDRForBackup 10");
+}
+
+// The same file changed: listed with the scan list's own flag.
+int MigrationDiff::showChanged(int diff)
+{
+    int state = (diff & (SHOW_CTIME_CHANGED | SHOW_HSM_CHANGED)) ? PDR_METACH : PDR_BACKUP;
     return listNew(changed_, state, kNoOffset, "updatePDRForBackup 12");
 }
 
@@ -125,7 +148,7 @@ int MigrationDiff::noMoreOld()
 {
     while (!new_.rec.endOfFile) {
         int rc = 0;
-        (rc = backupNew(failNoOldEdit, "updatePDRForBackup 14")) || (rc = readNew(true));
+        (rc = backupNew(kNoMoreOldEdit, "updatePDRForBackup 14")) || (rc = readNew(true));
         if (rc)
             return rc;
     }
@@ -136,7 +159,7 @@ int MigrationDiff::noMoreNew()
 {
     while (!old_.rec.endOfFile) {
         int rc = 0;
-        (rc = expireOld(failNoNewEdit, "updatePDRForExpire 12")) || (rc = readOld(true));
+        (rc = expireOld(kNoMoreNewEdit, "updatePDRForExpire 12")) || (rc = readOld(true));
         if (rc)
             return rc;
     }

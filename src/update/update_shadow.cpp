@@ -27,26 +27,31 @@ inline constexpr char kResident[] = "resdnt";
 inline constexpr char kMigrated[] = "migrat";
 
 // The result of each failure place, so that a result names where the run
-// stopped. E: a state edit, W: a write to the new shadow database.
+// stopped: Edit is a record's flag edit, Write its write to the new shadow
+// database; Old and New name the record where a decision has both. In the
+// order of the merge rows; the numbers are fixed.
 enum FailPlace : int {
-    failR3EditNew = -11, failR3WriteNew = -13,
-    failR4EditOld = -15, failR4WriteOld = -17,
-    failR5EditNew = -19, failR5WriteNew = -21,
-    failR6EditOld = -23, failR6WriteOld = -25, failR6EditNew = -27, failR6WriteNew = -29,
-    failR7EditOld = -31, failR7WriteOld = -33,
-    failR8WriteOld = -34, failR8EditNew = -35, failR8WriteNew = -36,
-    failR12EditOld = -37, failR12WriteOld = -39,
-    failR13EditOld = -41, failR13WriteOld = -43, failR13EditNew = -45, failR13WriteNew = -47,
-    failR14EditNew = -49, failR14WriteNew = -51,
-    failR16EditOld = -53, failR16WriteOld = -55, failR16EditNew = -57, failR16WriteNew = -59,
-    failNoOldEditNew = -63, failNoOldWriteNew = -65,
-    failNoNewEditOld = -67, failNoNewWriteOld = -69,
-    failR9EditOld = -71, failR9WriteOld = -73, failR9EditNew = -75, failR9WriteNew = -77,
-    failR10WriteOld = -79,
-    failR11EditOld = -81, failR11WriteOld = -83,
-    failR15EditNew = -85, failR15WriteNew = -87,
-    failConvertEdit = -89, failConvertWrite = -91, failConvertWriteState = -93,
-    failMigrationEdit = -95,
+    kNewFileEdit = -11, kNewFileWrite = -13,                          // row 3
+    kPendingGoneEdit = -15, kPendingGoneWrite = -17,                  // row 4
+    kPendingAgainEdit = -19, kPendingAgainWrite = -21,                // row 5
+    kPendingReusedOldEdit = -23, kPendingReusedOldWrite = -25,        // row 6
+    kPendingReusedNewEdit = -27, kPendingReusedNewWrite = -29,
+    kPairGoneEdit = -31, kPairGoneWrite = -33,                        // row 7
+    kPairAgainOldWrite = -34, kPairAgainNewEdit = -35, kPairAgainNewWrite = -36, // row 8
+    kPairReusedOldEdit = -71, kPairReusedOldWrite = -73,              // row 9
+    kPairReusedNewEdit = -75, kPairReusedNewWrite = -77,
+    kExpiryAgainWrite = -79,                                          // row 10
+    kUnchangedEdit = -81, kUnchangedWrite = -83,                      // row 11
+    kGoneEdit = -37, kGoneWrite = -39,                                // row 12
+    kMovedOldEdit = -41, kMovedOldWrite = -43, kMovedNewEdit = -45, kMovedNewWrite = -47, // row 13
+    kReusedEdit = -49, kReusedWrite = -51,                            // row 14
+    kSameShowEdit = -85, kSameShowWrite = -87,                        // row 15
+    kShowChangedOldEdit = -53, kShowChangedOldWrite = -55,            // row 16
+    kShowChangedNewEdit = -57, kShowChangedNewWrite = -59,
+    kNoMoreOldEdit = -63, kNoMoreOldWrite = -65,
+    kNoMoreNewEdit = -67, kNoMoreNewWrite = -69,
+    kConvertEdit = -89, kConvertWrite = -91, kConvertStateWordWrite = -93,
+    kSnapshotExpiryEdit = -95,
 };
 
 long envNumber(const char* name, bool* set = nullptr)
@@ -134,8 +139,29 @@ private:
     int convertRemainingOld();
     int expireRemainingSnapshots();
 
+    // The rows of the merge table, each named after the case it handles.
+    int row1ExpiryDone(Keep& keep);
+    int row2PartnerDone(Keep& keep);
+    int row3NewFile(Keep& keep);
+    int row4PendingGone(Keep& keep);
+    int row5PendingAgain();
+    int row6PendingReused();
+    int row7PairGone(Keep& keep);
+    int row8PairAgain();
+    int row9PairReused();
+    int row10ExpiryAgain(Keep& keep);
+    int row11Unchanged();
+    int row12Gone(Keep& keep);
+    int row13Moved();
+    int row14Reused();
+    int row15SameShow();
+    int row16ShowChanged(int diff);
+    void rememberPair();
+
     int write(const PolicyRecord& rec, int place);
     int expireOld(int editPlace, const char* label);
+    int expireWriteOld(int editPlace, const char* label, int writePlace);
+    int setListWriteNew(int state, int editPlace, const char* label, int writePlace);
     int listNewHere(int state, const char* label, bool toChangedList = false);
     int listExpiredHere(const char* label);
 
@@ -233,137 +259,253 @@ int ShadowMerge::listNewHere(int state, const char* label, bool toChangedList)
     return 0;
 }
 
-// One merge decision: the first row whose condition holds.
+// Expire old; write old.
+int ShadowMerge::expireWriteOld(int editPlace, const char* label, int writePlace)
+{
+    if (int rc = expireOld(editPlace, label))
+        return rc;
+    return write(old_.rec, writePlace);
+}
+
+// Set the new record's flag to `state`; list new as `state`; write new.
+int ShadowMerge::setListWriteNew(int state, int editPlace, const char* label, int writePlace)
+{
+    int rc = 0;
+    (rc = setState(new_.rec, state, editPlace)) || (rc = listNewHere(state, label))
+        || (rc = write(new_.rec, writePlace));
+    return rc;
+}
+
+// One merge decision: the first row whose condition holds, tested in the
+// order of the merge table.
 int ShadowMerge::decide(Keep& keep)
+{
+    const PolicyRecord& o = old_.rec;
+    const PolicyRecord& n = new_.rec;
+    const int oldFlag = old_.flag;
+    const bool pending = oldFlag == PDR_METACH || oldFlag == PDR_BACKUP;
+
+    if (oldFlag == PDR_DELETE)
+        return row1ExpiryDone(keep);
+    if (pending && afterChange_ && o.ino == lastOldIno_)
+        return row2PartnerDone(keep);
+    // Only rows 7 to 9 leave a CHANGE pair behind for row 2 to recognise.
+    afterChange_ = false;
+    lastOldIno_ = 0;
+    if (o.ino > n.ino)
+        return row3NewFile(keep);
+    if (pending && o.ino < n.ino)
+        return row4PendingGone(keep);
+    if (pending && o.gen == n.gen)
+        return row5PendingAgain();
+    if (pending)
+        return row6PendingReused();
+    if (oldFlag == PDR_CHANGE && o.ino < n.ino)
+        return row7PairGone(keep);
+    if (oldFlag == PDR_CHANGE && o.gen == n.gen)
+        return row8PairAgain();
+    if (oldFlag == PDR_CHANGE)
+        return row9PairReused();
+    if (oldFlag == PDR_EXPIRE)
+        return row10ExpiryAgain(keep);
+    if (sameRecord())
+        return row11Unchanged();
+    if (o.ino < n.ino)
+        return row12Gone(keep);
+    if (std::strcmp(o.path.ptr, n.path.ptr) != 0)
+        return row13Moved();
+    if (o.gen != n.gen && o.gen != MERGE_ANY_GENERATION)
+        return row14Reused();
+    const char* oldHsm = o.hsmState != nullptr ? o.hsmState : n.hsmState;
+    int diff = diffShowData(o.show.ptr, n.show.ptr, o.filesetName, n.filesetName, oldHsm, n.hsmState);
+    if (diff == 0)
+        return row15SameShow();
+    return row16ShowChanged(diff);
+}
+
+// Rows 7 to 9: the old record's inode, for row 2 to drop its partner by.
+void ShadowMerge::rememberPair()
+{
+    afterChange_ = true;
+    lastOldIno_ = old_.rec.ino;
+}
+
+// Row 1: an expiry that is done leaves the database.
+int ShadowMerge::row1ExpiryDone(Keep& keep)
+{
+    keep = keepNew;
+    return 0;
+}
+
+// Row 2: the second half of a CHANGE pair already handled.
+int ShadowMerge::row2PartnerDone(Keep& keep)
+{
+    keep = keepNew;
+    return 0;
+}
+
+// Row 3: a file the old database does not have.
+int ShadowMerge::row3NewFile(Keep& keep)
+{
+    const PolicyRecord& o = old_.rec;
+    const PolicyRecord& n = new_.rec;
+    if (quenby_debug > 4)
+        std::fprintf(stderr, "quenby:updateShadow:BACKUP old/new ino [%llx/%llx]\n%s", (unsigned long long)o.ino,
+                     (unsigned long long)n.ino, n.line.ptr);
+    keep = keepOld;
+    return setListWriteNew(PDR_BACKUP, kNewFileEdit, "updatePDRForBackup 2", kNewFileWrite);
+}
+
+// Row 4: a pending backup of a file that is gone.
+int ShadowMerge::row4PendingGone(Keep& keep)
+{
+    const PolicyRecord& o = old_.rec;
+    const PolicyRecord& n = new_.rec;
+    if (quenby_debug > 4)
+        std::fprintf(stderr, "quenby:updateShadow:EXPIRE change o:n [%llx:%llx]\n%s", (unsigned long long)o.ino,
+                     (unsigned long long)n.ino, n.line.ptr);
+    keep = keepNew;
+    return expireWriteOld(kPendingGoneEdit, "updatePDRForExpire 2", kPendingGoneWrite);
+}
+
+// Row 5: a pending backup of the same file is listed again.
+int ShadowMerge::row5PendingAgain()
+{
+    const PolicyRecord& o = old_.rec;
+    if (quenby_debug > 4)
+        std::fprintf(stderr, "quenby:updateShadow:BACKUP same ino/gen [%llx/%llx] mig [%x]\n%s",
+                     (unsigned long long)o.ino, (unsigned long long)o.gen, migrated_, new_.rec.line.ptr);
+    return setListWriteNew(old_.flag, kPendingAgainEdit, "updatePDRForBackup 4", kPendingAgainWrite);
+}
+
+// Row 6: a pending backup whose inode number was reused.
+int ShadowMerge::row6PendingReused()
+{
+    const PolicyRecord& o = old_.rec;
+    const PolicyRecord& n = new_.rec;
+    if (quenby_debug > 4)
+        std::fprintf(stderr, "quenby:updateShadow:EXPIRE/BACKUP reused ino/gen [%llx:%llx/%llx] mig [%x]\n%s",
+                     (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen, migrated_,
+                     n.line.ptr);
+    int rc = 0;
+    (rc = expireWriteOld(kPendingReusedOldEdit, "updatePDRForExpire 4", kPendingReusedOldWrite))
+        || (rc = setListWriteNew(old_.flag, kPendingReusedNewEdit, "updatePDRForBackup 6", kPendingReusedNewWrite));
+    return rc;
+}
+
+// Row 7: the old half of a pair whose file is gone.
+int ShadowMerge::row7PairGone(Keep& keep)
+{
+    rememberPair();
+    keep = keepNew;
+    return expireWriteOld(kPairGoneEdit, "updatePDRForExpire 6", kPairGoneWrite);
+}
+
+// Row 8: the pair is written again and listed again; the line keeps the
+// scan list's flag.
+int ShadowMerge::row8PairAgain()
 {
     PolicyRecord& o = old_.rec;
     PolicyRecord& n = new_.rec;
-    const int oldFlag = old_.flag;
-    const bool pending = oldFlag == PDR_METACH || oldFlag == PDR_BACKUP;
-    const bool debug = quenby_debug > 4;
+    rememberPair();
+    if (quenby_debug > 4)
+        std::fprintf(stderr, "quenby:updateShadow:CHANGE/BACKUP same ino/gen [%llx:%llx] mig [%x]\n%s",
+                     (unsigned long long)o.ino, (unsigned long long)o.gen, migrated_, n.line.ptr);
     int rc = 0;
+    (rc = listNewHere(PDR_BACKUP, "updatePDRForBackup 16")) || (rc = write(o, kPairAgainOldWrite))
+        || (rc = setState(n, PDR_BACKUP, kPairAgainNewEdit)) || (rc = write(n, kPairAgainNewWrite));
+    return rc;
+}
 
-    // Row 1: an expiry that is done leaves the database.
-    if (oldFlag == PDR_DELETE) {
-        keep = keepNew;
-        return 0;
-    }
-    // Row 2: the second half of a CHANGE pair already handled.
-    if (pending && afterChange_ && o.ino == lastOldIno_) {
-        keep = keepNew;
-        return 0;
-    }
+// Row 9: the pair's inode number was reused; the new file is not listed.
+int ShadowMerge::row9PairReused()
+{
+    const PolicyRecord& o = old_.rec;
+    PolicyRecord& n = new_.rec;
+    rememberPair();
+    if (quenby_debug > 4)
+        std::fprintf(stderr, "quenby:updateShadow:CHANGE/EXPIRE same ino:o/ngen [%llx:%llx/%llx]\n%s",
+                     (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen, n.line.ptr);
+    int rc = 0;
+    (rc = expireWriteOld(kPairReusedOldEdit, "updatePDRForExpire 16", kPairReusedOldWrite))
+        || (rc = setState(n, PDR_BACKUP, kPairReusedNewEdit)) || (rc = write(n, kPairReusedNewWrite));
+    return rc;
+}
 
-    lastOldIno_ = o.ino;
-    bool changeRow = false;
-    const bool oldBelow = o.ino < n.ino;
-    const bool oldAbove = o.ino > n.ino;
-    const bool sameGen = o.gen == n.gen;
+// Row 10: an expiry still pending is listed again.
+int ShadowMerge::row10ExpiryAgain(Keep& keep)
+{
+    keep = keepNew;
+    if (!s_.backupOnly)
+        if (int rc = listExpiredHere("updatePDRForExpire 18"))
+            return rc;
+    return write(old_.rec, kExpiryAgainWrite);
+}
 
-    if (oldAbove) {
-        // Row 3: a file the old database does not have.
-        if (debug)
-            std::fprintf(stderr, "quenby:updateShadow:BACKUP old/new ino [%llx/%llx]\n%s",
-                         (unsigned long long)o.ino, (unsigned long long)n.ino, n.line.ptr);
-        (rc = setState(n, PDR_BACKUP, failR3EditNew)) || (rc = listNewHere(PDR_BACKUP, "updatePDRForBackup 2"))
-            || (rc = write(n, failR3WriteNew));
-        keep = keepOld;
-    } else if (pending && oldBelow) {
-        // Row 4: a pending backup of a file that is gone.
-        if (debug)
-            std::fprintf(stderr, "quenby:updateShadow:EXPIRE change o:n [%llx:%llx]\n%s",
-                         (unsigned long long)o.ino, (unsigned long long)n.ino, n.line.ptr);
-        (rc = expireOld(failR4EditOld, "updatePDRForExpire 2")) || (rc = write(o, failR4WriteOld));
-        keep = keepNew;
-    } else if (pending && sameGen) {
-        // Row 5: a pending backup of the same file is listed again.
-        if (debug)
-            std::fprintf(stderr, "quenby:updateShadow:BACKUP same ino/gen [%llx/%llx] mig [%x]\n%s",
-                         (unsigned long long)o.ino, (unsigned long long)o.gen, migrated_, n.line.ptr);
-        (rc = setState(n, oldFlag, failR5EditNew)) || (rc = listNewHere(oldFlag, "updatePDRForBackup 4"))
-            || (rc = write(n, failR5WriteNew));
-    } else if (pending) {
-        // Row 6: a pending backup whose inode number was reused.
-        if (debug)
-            std::fprintf(stderr, "quenby:updateShadow:EXPIRE/BACKUP reused ino/gen [%llx:%llx/%llx] mig [%x]\n%s",
-                         (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen,
-                         migrated_, n.line.ptr);
-        (rc = expireOld(failR6EditOld, "updatePDRForExpire 4")) || (rc = write(o, failR6WriteOld))
-            || (rc = setState(n, oldFlag, failR6EditNew)) || (rc = listNewHere(oldFlag, "updatePDRForBackup 6"))
-            || (rc = write(n, failR6WriteNew));
-    } else if (oldFlag == PDR_CHANGE && oldBelow) {
-        // Row 7: the old half of a pair whose file is gone.
-        changeRow = true;
-        (rc = expireOld(failR7EditOld, "updatePDRForExpire 6")) || (rc = write(o, failR7WriteOld));
-        keep = keepNew;
-    } else if (oldFlag == PDR_CHANGE && sameGen) {
-        // Row 8: the pair is written again and listed again.
-        changeRow = true;
-        if (debug)
-            std::fprintf(stderr, "quenby:updateShadow:CHANGE/BACKUP same ino/gen [%llx:%llx] mig [%x]\n%s",
-                         (unsigned long long)o.ino, (unsigned long long)o.gen, migrated_, n.line.ptr);
-        (rc = listNewHere(PDR_BACKUP, "updatePDRForBackup 16")) || (rc = write(o, failR8WriteOld))
-            || (rc = setState(n, PDR_BACKUP, failR8EditNew)) || (rc = write(n, failR8WriteNew));
-    } else if (oldFlag == PDR_CHANGE) {
-        // Row 9: the pair's inode number was reused.
-        changeRow = true;
-        if (debug)
-            std::fprintf(stderr, "quenby:updateShadow:CHANGE/EXPIRE same ino:o/ngen [%llx:%llx/%llx]\n%s",
-                         (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen,
-                         n.line.ptr);
-        (rc = expireOld(failR9EditOld, "updatePDRForExpire 16")) || (rc = write(o, failR9WriteOld))
-            || (rc = setState(n, PDR_BACKUP, failR9EditNew)) || (rc = write(n, failR9WriteNew));
-    } else if (oldFlag == PDR_EXPIRE) {
-        // Row 10: an expiry still pending is listed again.
-        if (!s_.backupOnly)
-            rc = listExpiredHere("updatePDRForExpire 18");
-        rc = rc ? rc : write(o, failR10WriteOld);
-        keep = keepNew;
-    } else if (sameRecord()) {
-        // Row 11: nothing changed at all.
-        (rc = setState(o, PDR_NORMAL, failR11EditOld)) || (rc = write(o, failR11WriteOld));
-    } else if (oldBelow) {
-        // Row 12: the file is gone.
-        (rc = expireOld(failR12EditOld, "updatePDRForExpire 8")) || (rc = write(o, failR12WriteOld));
-        keep = keepNew;
-    } else if (std::strcmp(o.path.ptr, n.path.ptr) != 0) {
-        // Row 13: moved: the old path is expired, the new one backed up.
-        if (debug)
-            std::fprintf(stderr, "quenby:updateShadow:BACKUP path change [%s]\n[%s] mig [%x]\n%s", o.path.ptr,
-                         n.path.ptr, migrated_, n.line.ptr);
-        (rc = expireOld(failR13EditOld, "updatePDRForExpire 10")) || (rc = write(o, failR13WriteOld))
-            || (rc = setState(n, PDR_BACKUP, failR13EditNew)) || (rc = listNewHere(PDR_BACKUP, "updatePDRForBackup 8"))
-            || (rc = write(n, failR13WriteNew));
-    } else if (!sameGen && o.gen != MERGE_ANY_GENERATION) {
-        // Row 14: same path, another file.
-        if (debug)
-            std::fprintf(stderr, "quenby:updateShadow:NORMAL same ino:o/ngen [%llx:%llx/%llx] mig [%x]\n%s",
-                         (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen,
-                         migrated_, n.line.ptr);
-        (rc = setState(n, PDR_BACKUP, failR14EditNew)) || (rc = listNewHere(PDR_BACKUP, "updatePDRForBackup 10"))
-            || (rc = write(n, failR14WriteNew));
-    } else {
-        const char* oldHsm = o.hsmState != nullptr ? o.hsmState : n.hsmState;
-        int d = diffShowData(o.show.ptr, n.show.ptr, o.filesetName, n.filesetName, oldHsm, n.hsmState);
-        if (d == 0) {
-            // Row 15: unchanged.
-            (rc = setState(n, PDR_NORMAL, failR15EditNew)) || (rc = write(n, failR15WriteNew));
-        } else {
-            // Row 16: changed: the old record stays as CHANGE, the new one follows it.
-            if (debug)
-                std::fprintf(stderr, "quenby:updateShadow:BACKUP SHOW data changed [%x] mig [%x]\n%s", d, migrated_,
-                             n.line.ptr);
-            int state = s_.incrSupported && (d & (SHOW_CTIME_CHANGED | SHOW_HSM_CHANGED)) ? PDR_METACH : PDR_BACKUP;
-            (rc = setState(o, PDR_CHANGE, failR16EditOld))
-                || (rc = listNewHere(state, "updatePDRForBackup 12", d == SHOW_HSM_CHANGED))
-                || (rc = write(o, failR16WriteOld)) || (rc = setState(n, state, failR16EditNew))
-                || (rc = write(n, failR16WriteNew));
-        }
-    }
+// Row 11: nothing changed at all.
+int ShadowMerge::row11Unchanged()
+{
+    PolicyRecord& o = old_.rec;
+    int rc = 0;
+    (rc = setState(o, PDR_NORMAL, kUnchangedEdit)) || (rc = write(o, kUnchangedWrite));
+    return rc;
+}
 
-    afterChange_ = changeRow;
-    if (!changeRow)
-        lastOldIno_ = 0;
+// Row 12: the file is gone.
+int ShadowMerge::row12Gone(Keep& keep)
+{
+    keep = keepNew;
+    return expireWriteOld(kGoneEdit, "updatePDRForExpire 8", kGoneWrite);
+}
+
+// Row 13: moved: the old path is expired, the new one backed up.
+int ShadowMerge::row13Moved()
+{
+    if (quenby_debug > 4)
+        std::fprintf(stderr, "quenby:updateShadow:BACKUP path change [%s]\n[%s] mig [%x]\n%s", old_.rec.path.ptr,
+                     new_.rec.path.ptr, migrated_, new_.rec.line.ptr);
+    int rc = 0;
+    (rc = expireWriteOld(kMovedOldEdit, "updatePDRForExpire 10", kMovedOldWrite))
+        || (rc = setListWriteNew(PDR_BACKUP, kMovedNewEdit, "updatePDRForBackup 8", kMovedNewWrite));
+    return rc;
+}
+
+// Row 14: same path, another file; the old record is dropped.
+int ShadowMerge::row14Reused()
+{
+    const PolicyRecord& o = old_.rec;
+    const PolicyRecord& n = new_.rec;
+    if (quenby_debug > 4)
+        std::fprintf(stderr, "quenby:updateShadow:NORMAL same ino:o/ngen [%llx:%llx/%llx] mig [%x]\n%s",
+                     (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen, migrated_,
+                     n.line.ptr);
+    return setListWriteNew(PDR_BACKUP, kReusedEdit, "updatePDRForBackup 10", kReusedWrite);
+}
+
+// Row 15: unchanged.
+int ShadowMerge::row15SameShow()
+{
+    PolicyRecord& n = new_.rec;
+    int rc = 0;
+    (rc = setState(n, PDR_NORMAL, kSameShowEdit)) || (rc = write(n, kSameShowWrite));
+    return rc;
+}
+
+// Row 16: changed: the old record stays as CHANGE, the new one follows it.
+// A change of the HSM state alone is listed in the changed list.
+int ShadowMerge::row16ShowChanged(int diff)
+{
+    PolicyRecord& o = old_.rec;
+    PolicyRecord& n = new_.rec;
+    if (quenby_debug > 4)
+        std::fprintf(stderr, "quenby:updateShadow:BACKUP SHOW data changed [%x] mig [%x]\n%s", diff, migrated_,
+                     n.line.ptr);
+    int state = s_.incrSupported && (diff & (SHOW_CTIME_CHANGED | SHOW_HSM_CHANGED)) ? PDR_METACH : PDR_BACKUP;
+    int rc = 0;
+    (rc = setState(o, PDR_CHANGE, kShowChangedOldEdit))
+        || (rc = listNewHere(state, "updatePDRForBackup 12", diff == SHOW_HSM_CHANGED))
+        || (rc = write(o, kShowChangedOldWrite)) || (rc = setState(n, state, kShowChangedNewEdit))
+        || (rc = write(n, kShowChangedNewWrite));
     return rc;
 }
 
@@ -374,8 +516,8 @@ int ShadowMerge::noMoreOld()
         if (quenby_debug > 4)
             std::fprintf(stderr, "quenby:updateShadow:BACKUP no more old mig [%x]\n%s", migrated_, n.line.ptr);
         int rc = 0;
-        (rc = setState(n, PDR_BACKUP, failNoOldEditNew)) || (rc = listNewHere(PDR_BACKUP, "updatePDRForBackup 14"))
-            || (rc = write(n, failNoOldWriteNew)) || (rc = readNew(true));
+        (rc = setListWriteNew(PDR_BACKUP, kNoMoreOldEdit, "updatePDRForBackup 14", kNoMoreOldWrite))
+            || (rc = readNew(true));
         if (rc)
             return rc;
     }
@@ -402,14 +544,12 @@ int ShadowMerge::noMoreNew()
         case PDR_METACH:
         case PDR_BACKUP:
         case PDR_CHANGE:
-            if (!s_.backupOnly)
-                (rc = setState(o, PDR_EXPIRE, failNoNewEditOld)) || (rc = listExpiredHere("updatePDRForExpire 12"));
-            rc = rc ? rc : write(o, failNoNewWriteOld);
+            rc = expireWriteOld(kNoMoreNewEdit, "updatePDRForExpire 12", kNoMoreNewWrite);
             break;
         case PDR_EXPIRE:
             if (!s_.backupOnly)
                 rc = listExpiredHere("updatePDRForExpire 14");
-            rc = rc ? rc : write(o, failNoNewWriteOld);
+            rc = rc ? rc : write(o, kNoMoreNewWrite);
             break;
         default:
             std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::unexpected state %x in PDR1\n%s", old_.flag, o.line.ptr);
@@ -430,7 +570,7 @@ int ShadowMerge::convertRemainingOld()
         PolicyRecord& o = old_.rec;
         int rc = 0;
         if (old_.rememberedFlag != PDR_NORMAL)
-            rc = setState(o, PDR_NORMAL, failConvertEdit);
+            rc = setState(o, PDR_NORMAL, kConvertEdit);
         if (rc)
             return rc;
         size_t len = o.lineLength;
@@ -438,11 +578,11 @@ int ShadowMerge::convertRemainingOld()
             --len;
         if (sysFwrite(o.line.ptr, len, f_.newShadow.get()) != len) {
             std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::output to %s failed\n", newShadowName_);
-            return failConvertWrite;
+            return kConvertWrite;
         }
         if (sysFwrite(kStateWord, sizeof kStateWord - 1, f_.newShadow.get()) != sizeof kStateWord - 1) {
             std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::output to %s failed\n", newShadowName_);
-            return failConvertWriteState;
+            return kConvertStateWordWrite;
         }
         writePos_ += static_cast<offset_t>(len + sizeof kStateWord - 1);
         if ((rc = readOld(false)))
@@ -460,7 +600,7 @@ int ShadowMerge::expireRemainingSnapshots()
         int rc = 0;
         if (old_.flag != PDR_DELETE
             && std::strncmp(o.path.ptr, kSnapshotPrefix, sizeof kSnapshotPrefix - 1) == 0)
-            (rc = setState(o, PDR_EXPIRE, failMigrationEdit)) || (rc = listExpiredHere("updatePDRForExpire 20"));
+            (rc = setState(o, PDR_EXPIRE, kSnapshotExpiryEdit)) || (rc = listExpiredHere("updatePDRForExpire 20"));
         if (rc || (rc = readOld(false)))
             return rc;
     }
