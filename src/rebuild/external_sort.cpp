@@ -113,6 +113,50 @@ int sortFile(const char* inFile, const char* outFile, const char* tempDir, const
     return status;
 }
 
+namespace {
+
+// One index line per record of `list`: its offset, 16 hexadecimal digits,
+// and its path. The first record also gives the expire data.
+int writePathIndex(FILE* list, FILE* index, const char* indexName, PolicyRecord& rec, char** expireData)
+{
+    bool first = true;
+    for (;;) {
+        off_t offset = sysFtello(list);
+        if (offset < 0) {
+            std::fprintf(stderr, "quenby: sortPDRListByPathname: ftell fail err=%d\n", cxiErrnoChecked());
+            return -1;
+        }
+        int rc = readPolicyRecord(list, &rec.line.ptr, &rec.line.size, &rec.ino, &rec.gen, &rec.path.ptr,
+                                  &rec.path.size, &rec.show.ptr, &rec.show.size, nullptr, nullptr, &rec.endOfFile,
+                                  nullptr, nullptr);
+        if (rc != 0)
+            return rc;
+        if (rec.endOfFile)
+            break;
+        char head[17];
+        auto value = static_cast<unsigned long long>(offset);
+        for (int i = 15; i >= 0; --i, value >>= 4)
+            head[i] = "0123456789abcdef"[value & 0xf];
+        head[16] = ' ';
+        size_t pathLen = std::strlen(rec.path.ptr);
+        if (sysFwrite(head, 17, index) != 17 || sysFwrite(rec.path.ptr, pathLen, index) != pathLen
+            || sysFwrite("\n", 1, index) != 1) {
+            std::fprintf(stderr, "quenby rebuildshadow: write to %s fail err=%d\n", indexName, cxiErrnoChecked());
+            return -1;
+        }
+        if (first) {
+            first = false;
+            char* data = constructExpireData(rec.line.ptr);
+            if (data == nullptr)
+                return -6;
+            *expireData = data;
+        }
+    }
+    return 0;
+}
+
+} // namespace
+
 int sortPDRListByPathname(const char* listFile, const char* sortedFile, char** expireData, const char* tempDir,
                           const char* sortCommand)
 {
@@ -154,39 +198,8 @@ int sortPDRListByPathname(const char* listFile, const char* sortedFile, char** e
     StdioFile index(stream);
     index.setBuffer(kStreamBufferSize);
 
-    bool first = true;
-    for (;;) {
-        off_t offset = sysFtello(list.get());
-        if (offset < 0) {
-            std::fprintf(stderr, "quenby: sortPDRListByPathname: ftell fail err=%d\n", cxiErrnoChecked());
-            return -1;
-        }
-        int rc = readPolicyRecord(list.get(), &rec.line.ptr, &rec.line.size, &rec.ino, &rec.gen, &rec.path.ptr,
-                                  &rec.path.size, &rec.show.ptr, &rec.show.size, nullptr, nullptr, &rec.endOfFile,
-                                  nullptr, nullptr);
-        if (rc != 0)
-            return rc;
-        if (rec.endOfFile)
-            break;
-        char head[17];
-        auto value = static_cast<unsigned long long>(offset);
-        for (int i = 15; i >= 0; --i, value >>= 4)
-            head[i] = "0123456789abcdef"[value & 0xf];
-        head[16] = ' ';
-        size_t pathLen = std::strlen(rec.path.ptr);
-        if (sysFwrite(head, 17, index.get()) != 17 || sysFwrite(rec.path.ptr, pathLen, index.get()) != pathLen
-            || sysFwrite("\n", 1, index.get()) != 1) {
-            std::fprintf(stderr, "quenby rebuildshadow: write to %s fail err=%d\n", indexName, cxiErrnoChecked());
-            return -1;
-        }
-        if (first) {
-            first = false;
-            char* data = constructExpireData(rec.line.ptr);
-            if (data == nullptr)
-                return -6;
-            *expireData = data;
-        }
-    }
+    if (int rc = writePathIndex(list.get(), index.get(), indexName, rec, expireData))
+        return rc;
     if (index.close() != 0)
         systemError("quenby: fclose tmp shadow file");
     int result = sortFile(indexName, sortedFile, tempDir, "-b -k 2", sortCommand);

@@ -310,6 +310,54 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
                                  filesetName, hsmState, state, escapedPath);
 }
 
+namespace {
+
+// The path after the first '!' of the head, copied into the path buffer;
+// where the path ends in the line, or null after the message.
+const char* copyRecordPath(const char* line, const char* lineEnd, const char* scanEnd, int pathLen, int lineBufSize,
+                           char** pathBuf, int* pathBufSize)
+{
+    const char* bang = firstBang(line, scanEnd);
+    if (bang == nullptr) {
+        std::fprintf(stderr, "quenby: failed to find file path in %s\n", line);
+        return nullptr;
+    }
+    const char* path = bang + 1;
+    if ((path - line) + static_cast<long long>(pathLen) > lineBufSize) {
+        std::fprintf(stderr, "quenby: invalid file path length %d in %s\n", pathLen, line);
+        return nullptr;
+    }
+    if (lineEnd - path < pathLen) {
+        std::fprintf(stderr, "quenby: file path length %d larger than %s\n", pathLen, line);
+        return nullptr;
+    }
+    if (!growToFit(pathBuf, pathBufSize, static_cast<long long>(pathLen) + 1)) {
+        std::fprintf(stderr, "quenby: failed to realloc memory for line %s\n", line);
+        return nullptr;
+    }
+    std::memcpy(*pathBuf, path, static_cast<size_t>(pathLen));
+    (*pathBuf)[pathLen] = '\0';
+    return path + pathLen;
+}
+
+// What the reader reports for a record's path: a path the server cannot
+// take, one of the backup machinery's own, or 0.
+int classifyPath(const char* recordPath, int pathLen, bool pathEscaped)
+{
+    if (!clusterMigrationReader) {
+        if (std::memchr(recordPath, UnsupQBSCharList[0], static_cast<size_t>(pathLen)) != nullptr
+            || std::memchr(recordPath, UnsupQBSCharList[1], static_cast<size_t>(pathLen)) != nullptr)
+            return PDR_UNSUPPORTED;
+        if (pathEscaped && std::strstr(recordPath, UnsupEscCharList) != nullptr)
+            return PDR_UNSUPPORTED;
+    }
+    if (isInternalPath(recordPath))
+        return PDR_INTERNAL;
+    return 0;
+}
+
+} // namespace
+
 int parsePolicyRecordLine(char* line, size_t len, int lineBufSize, uint64_t* ino, uint64_t* gen, char** pathBuf,
                           int* pathBufSize, char** showBuf, int* showBufSize, char** filesetName, char** hsmState,
                           int* state, int* escapedPath)
@@ -336,29 +384,12 @@ int parsePolicyRecordLine(char* line, size_t len, int lineBufSize, uint64_t* ino
         pathLen = -pathLen;
     }
 
-    const char* bang = firstBang(line, scanEnd);
-    if (bang == nullptr) {
-        std::fprintf(stderr, "quenby: failed to find file path in %s\n", line);
+    const char* pathEnd = copyRecordPath(line, lineEnd, scanEnd, pathLen, lineBufSize, pathBuf, pathBufSize);
+    if (pathEnd == nullptr)
         return -1;
-    }
-    const char* path = bang + 1;
-    if ((path - line) + static_cast<long long>(pathLen) > lineBufSize) {
-        std::fprintf(stderr, "quenby: invalid file path length %d in %s\n", pathLen, line);
-        return -1;
-    }
-    if (lineEnd - path < pathLen) {
-        std::fprintf(stderr, "quenby: file path length %d larger than %s\n", pathLen, line);
-        return -1;
-    }
-    if (!growToFit(pathBuf, pathBufSize, static_cast<long long>(pathLen) + 1)) {
-        std::fprintf(stderr, "quenby: failed to realloc memory for line %s\n", line);
-        return -1;
-    }
-    std::memcpy(*pathBuf, path, static_cast<size_t>(pathLen));
-    (*pathBuf)[pathLen] = '\0';
 
     // Storage pool: read over. Then the SHOW attribute.
-    const char* pool = lengthPrefixedText(path + pathLen, line, lineEnd, 2, "storage pool");
+    const char* pool = lengthPrefixedText(pathEnd, line, lineEnd, 2, "storage pool");
     if (pool == nullptr)
         return -1;
     long long showSize = 0;
@@ -393,15 +424,5 @@ int parsePolicyRecordLine(char* line, size_t len, int lineBufSize, uint64_t* ino
         *hsmState = next + 1;
     }
 
-    const char* recordPath = *pathBuf;
-    if (!clusterMigrationReader) {
-        if (std::memchr(recordPath, UnsupQBSCharList[0], static_cast<size_t>(pathLen)) != nullptr
-            || std::memchr(recordPath, UnsupQBSCharList[1], static_cast<size_t>(pathLen)) != nullptr)
-            return PDR_UNSUPPORTED;
-        if (pathEscaped && std::strstr(recordPath, UnsupEscCharList) != nullptr)
-            return PDR_UNSUPPORTED;
-    }
-    if (isInternalPath(recordPath))
-        return PDR_INTERNAL;
-    return 0;
+    return classifyPath(*pathBuf, pathLen, pathEscaped);
 }
