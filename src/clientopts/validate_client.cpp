@@ -121,6 +121,44 @@ int parseQBSOptions(FILE* in, QBSUserOption* opt, FILE* copy)
     return lastCopy < 0 ? lastCopy : 0;
 }
 
+namespace {
+
+// Runs the option command, copies its option lines to the node file and
+// reads the node's flags from them; 0, or 102 after the message.
+int queryNodeOptions(const char* command, const char* nodeOptionFile, QBSUserOption* node)
+{
+    FILE* stream = nullptr;
+    cxiFopen(nodeOptionFile, "w", &stream, inheritNone);
+    if (stream == nullptr) {
+        systemError("quenby: fopen node QBS configuration file ");
+        std::fprintf(stderr, "quenby: validateQBSClient: could not open %s\n", nodeOptionFile);
+        return 102;
+    }
+    StdioFile nodeFile(stream);
+
+    std::fflush(stdout);
+    std::fflush(stderr);
+    FILE* pipe = sysPopen(command, "r");
+    if (pipe == nullptr) {
+        std::fprintf(stderr, "quenby: validateQBSClient: %s command could not be run\n", command);
+        return 102;
+    }
+    PipeStream output(pipe);
+    // What the node file holds must be on disk before it is trusted.
+    if (parseQBSOptions(output.get(), node, nodeFile.get()) < 0 || sysFflush(nodeFile.get()) != 0) {
+        std::fprintf(stderr, "quenby: validateQBSClient: could not write %s\n", nodeOptionFile);
+        return 102;
+    }
+    int status = output.close();
+    if (status != 0) {
+        std::fprintf(stderr, "quenby: validateqbsclient %s command close returned %d\n", command, status);
+        return 102;
+    }
+    return 0;
+}
+
+} // namespace
+
 int validateQBSClient(const char* masterOptionFile, const char* nodeOptionFile, const char* /*serverName*/)
 {
     QBSUserOption master{};
@@ -146,32 +184,8 @@ int validateQBSClient(const char* masterOptionFile, const char* nodeOptionFile, 
     StdioFile masterFile(stream);
     parseQBSOptions(masterFile.get(), &master, nullptr);
 
-    cxiFopen(nodeOptionFile, "w", &stream, inheritNone);
-    if (stream == nullptr) {
-        systemError("quenby: fopen node QBS configuration file ");
-        std::fprintf(stderr, "quenby: validateQBSClient: could not open %s\n", nodeOptionFile);
-        return 102;
-    }
-    StdioFile nodeFile(stream);
-
-    std::fflush(stdout);
-    std::fflush(stderr);
-    FILE* pipe = sysPopen(command, "r");
-    if (pipe == nullptr) {
-        std::fprintf(stderr, "quenby: validateQBSClient: %s command could not be run\n", command);
-        return 102;
-    }
-    PipeStream output(pipe);
-    // What the node file holds must be on disk before it is trusted.
-    if (parseQBSOptions(output.get(), &node, nodeFile.get()) < 0 || sysFflush(nodeFile.get()) != 0) {
-        std::fprintf(stderr, "quenby: validateQBSClient: could not write %s\n", nodeOptionFile);
-        return 102;
-    }
-    int status = output.close();
-    if (status != 0) {
-        std::fprintf(stderr, "quenby: validateqbsclient %s command close returned %d\n", command, status);
-        return 102;
-    }
+    if (int rc = queryNodeOptions(command, nodeOptionFile, &node))
+        return rc;
 
     for (const ComparedFlag& f : comparedFlags) {
         if (master.*f.flag != node.*f.flag) {

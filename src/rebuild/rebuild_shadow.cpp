@@ -338,6 +338,46 @@ int openInput(StdioFile& file, const char* path, const char* prefix, size_t buff
     return 0;
 }
 
+// Opens the inputs and the output and walks them; 0, or the code of the
+// step that failed.
+int openAndWalk(Files& files, const char* qbsFile, const char* sortedName, const char* fsListFile,
+                const char* outShadow, const char* expireData)
+{
+    Rebuild rebuild(files, qbsFile, expireData);
+    if (!rebuild.allocate()) {
+        std::fputs("quenby: rebuildShadow: failed to allocate memory\n", stderr);
+        return -1;
+    }
+    if (openInput(files.query, qbsFile, "quenby: fopen qbs query", kStreamBufferSize) != 0)
+        return -2;
+    if (openInput(files.index, sortedName, "quenby: fopen fs scan", kStreamBufferSize) != 0
+        || openInput(files.scan, fsListFile, "quenby: fopen fs scan", 0) != 0)
+        return -3;
+    if (files.out.open(outShadow, OutputFile::Mode::replace) != 0) {
+        systemError("quenby: fopen out shadow");
+        std::fprintf(stderr, "quenby: rebuildShadow: could not open %s\n", outShadow);
+        return -4;
+    }
+    return rebuild.walk();
+}
+
+// Closes every file and returns the run's result; the out shadow is put in
+// place only after a clean run.
+int closeFiles(Files& files, int result)
+{
+    int closed[4] = {files.query.close(), files.scan.close(), files.index.close(), 0};
+    // A failed run leaves the out shadow as it was, or absent.
+    bool good = result == 0 && closed[0] == 0 && closed[1] == 0 && closed[2] == 0;
+    closed[3] = good ? files.out.commit() : files.out.discard();
+    if (closed[0] != 0 || closed[1] != 0 || closed[2] != 0 || closed[3] != 0) {
+        std::fprintf(stderr, "quenby:rebuildShadow: db file I/O error [0%d 0%d 0%d 0%d]\n", closed[0], closed[1],
+                     closed[2], closed[3]);
+        if (result == 0)
+            result = -1;
+    }
+    return result;
+}
+
 } // namespace
 
 int rebuildShadow(const char* qbsFile, const char* fsListFile, const char* outShadow, const char* sortDir)
@@ -368,37 +408,9 @@ int rebuildShadow(const char* qbsFile, const char* fsListFile, const char* outSh
     }
 
     Files files;
-    int result = 0;
-    {
-        Rebuild rebuild(files, qbsFile, expireData);
-        if (!rebuild.allocate()) {
-            std::fputs("quenby: rebuildShadow: failed to allocate memory\n", stderr);
-            result = -1;
-        } else if (openInput(files.query, qbsFile, "quenby: fopen qbs query", kStreamBufferSize) != 0) {
-            result = -2;
-        } else if (openInput(files.index, sortedName, "quenby: fopen fs scan", kStreamBufferSize) != 0
-                   || openInput(files.scan, fsListFile, "quenby: fopen fs scan", 0) != 0) {
-            result = -3;
-        } else if (files.out.open(outShadow, OutputFile::Mode::replace) != 0) {
-            systemError("quenby: fopen out shadow");
-            std::fprintf(stderr, "quenby: rebuildShadow: could not open %s\n", outShadow);
-            result = -4;
-        } else {
-            result = rebuild.walk();
-        }
-    }
-
-    int closed[4] = {files.query.close(), files.scan.close(), files.index.close(), 0};
-    // A failed run leaves the out shadow as it was, or absent.
-    bool good = result == 0 && closed[0] == 0 && closed[1] == 0 && closed[2] == 0;
-    closed[3] = good ? files.out.commit() : files.out.discard();
+    int result = openAndWalk(files, qbsFile, sortedName, fsListFile, outShadow, expireData);
+    result = closeFiles(files, result);
     std::free(expireData);
-    if (closed[0] != 0 || closed[1] != 0 || closed[2] != 0 || closed[3] != 0) {
-        std::fprintf(stderr, "quenby:rebuildShadow: db file I/O error [0%d 0%d 0%d 0%d]\n", closed[0], closed[1],
-                     closed[2], closed[3]);
-        if (result == 0)
-            result = -1;
-    }
     if (result != 0)
         std::fprintf(stderr, "quenby:rebuildShadow: Failed with rc=%d\n", result);
     return result;
