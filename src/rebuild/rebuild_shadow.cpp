@@ -145,6 +145,7 @@ private:
     int readIndex() { return readIndexFile(f_.index.get(), &indexPath_.ptr, &indexPath_.size, &indexOffset_, &indexEof_); }
     int writeServerOnly();
     int writeMergedRecord();
+    int fetchScanRecord(size_t* len, int* flag);
     bool put(const std::string& text) { return sysFwrite(text.data(), text.size(), f_.out.get()) == text.size(); }
 
     Files& f_;
@@ -251,11 +252,12 @@ int Rebuild::writeServerOnly()
     return put(line_) ? 0 : -1;
 }
 
-int Rebuild::writeMergedRecord()
+// The scan record the index points at, read and parsed into scanLine_ and
+// scanShow_; 0, or the failure's result after its message.
+int Rebuild::fetchScanRecord(size_t* len, int* flag)
 {
-    size_t len = 0;
     offset_t start = 0;
-    int got = readRecordLineAt(fileno(f_.scan.get()), indexOffset_, &scanLine_.ptr, &scanLine_.size, &len, &start);
+    int got = readRecordLineAt(fileno(f_.scan.get()), indexOffset_, &scanLine_.ptr, &scanLine_.size, len, &start);
     if (got < 0) {
         std::fprintf(stderr, "quenby: writeMergedRecord: fseek for scan file fail at offset=%lld, err=%d\n",
                      indexOffset_, cxiErrnoChecked());
@@ -266,14 +268,20 @@ int Rebuild::writeMergedRecord()
         return -1;
     }
     uint64_t ino = 0, gen = 0;
-    int flag = 0;
-    char* line = scanLine_.ptr;
-    if (int rc = parsePolicyRecordLine(line, len, scanLine_.size, &ino, &gen, &indexPath_.ptr, &indexPath_.size,
-                                       &show_.ptr, &show_.size, nullptr, nullptr, &flag, nullptr))
+    if (int rc = parsePolicyRecordLine(scanLine_.ptr, *len, scanLine_.size, &ino, &gen, &indexPath_.ptr,
+                                       &indexPath_.size, &show_.ptr, &show_.size, nullptr, nullptr, flag, nullptr))
         return rc;
+    return parsePolicyShow(scanLine_.ptr, scanShow_) != 0 ? -1 : 0;
+}
+
+int Rebuild::writeMergedRecord()
+{
+    size_t len = 0;
+    int flag = 0;
+    if (int rc = fetchScanRecord(&len, &flag))
+        return rc;
+    char* line = scanLine_.ptr;
     ScanShow& scan = scanShow_;
-    if (parsePolicyShow(line, scan) != 0)
-        return -1;
 
     char mtime[32], ctime[32];
     serverTime(mtime, query_.mtimeDate, query_.mtimeTime);
