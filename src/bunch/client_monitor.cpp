@@ -1,6 +1,5 @@
 #include "bunch/client_monitor.h"
 
-#include "bunch/bunch_list.h"
 #include "bunch/path_index.h"
 #include "bunch/record_update.h"
 #include "cli/dispatch.h"
@@ -71,8 +70,9 @@ struct FileReport {
 
 class Monitor {
 public:
-    Monitor(FILE* shadow, const char* label, int successState, offset_t firstOffset, offset_t lastOffset)
-        : shadow_(shadow), label_(label), successState_(successState), first_(firstOffset), last_(lastOffset)
+    Monitor(PathIndex& index, RecordUpdater& updater, FILE* shadow, const char* label, int successState,
+            offset_t firstOffset, offset_t lastOffset)
+        : index_(index), updater_(updater), shadow_(shadow), label_(label), successState_(successState), first_(firstOffset), last_(lastOffset)
     {
     }
 
@@ -84,6 +84,8 @@ public:
 private:
     void fileReport(char* text, const FileReport& report);
 
+    PathIndex& index_;
+    RecordUpdater& updater_;
     FILE* shadow_;
     const char* label_;
     int successState_;
@@ -111,11 +113,11 @@ void Monitor::fileReport(char* text, const FileReport& report)
         return;
     }
     *end = '\0';
-    if (expireOldFormat == 1)
+    if (updater_.oldFormatExpiry())
         return;
 
     uint32_t slot = 0;
-    offset_t offset = gsi_findIndex(path, &slot);
+    offset_t offset = index_.find(path, &slot);
     if (offset == 0) {
         std::printf("quenby:execAndMonitor() unrequested %s path:%s\n", label_, path);
         return;
@@ -124,7 +126,7 @@ void Monitor::fileReport(char* text, const FileReport& report)
         std::printf("quenby:execAndMonitor()%s %s outside range [%llx - %llx]\n", label_, path,
                     static_cast<unsigned long long>(first_), static_cast<unsigned long long>(last_));
     ++updated;
-    updateShadowPDR(shadow_, offset, state, slot);
+    updater_.update(shadow_, offset, state, index_.markOf(slot));
 }
 
 void Monitor::line(char* text)
@@ -303,11 +305,12 @@ int clientTimeoutSetting()
     return *end == '\0' && errno == 0 && seconds > 0 && seconds <= INT_MAX ? static_cast<int>(seconds) : 0;
 }
 
-void monitorClientOutput(FILE* output, FILE* shadow, const char* label, int successState, offset_t firstOffset,
-                         offset_t lastOffset, HeapBuf& buf, MonitorCounts& counts)
+void monitorClientOutput(FILE* output, PathIndex& index, RecordUpdater& updater, FILE* shadow, const char* label,
+                         int successState, offset_t firstOffset, offset_t lastOffset, HeapBuf& buf,
+                         MonitorCounts& counts)
 {
-    Monitor monitor(shadow, label, successState, firstOffset, lastOffset);
-    RecordReadWindow window(shadow);
+    Monitor monitor(index, updater, shadow, label, successState, firstOffset, lastOffset);
+    RecordReadWindow window(updater, shadow);
     while (readClientLine(output, buf)) {
         if (quenby_debug > 3)
             std::fprintf(stderr, "quenby:QBS:%s", buf.ptr);
@@ -338,8 +341,8 @@ void monitorClientOutput(FILE* output, FILE* shadow, const char* label, int succ
     counts.failed = monitor.failed;
 }
 
-int execAndMonitor(const char* command, FILE* shadow, const char* label, int successState, offset_t firstOffset,
-                   offset_t lastOffset, int timeoutSeconds)
+int execAndMonitor(const char* command, PathIndex& index, RecordUpdater& updater, FILE* shadow, const char* label,
+                   int successState, offset_t firstOffset, offset_t lastOffset, int timeoutSeconds)
 {
     if (quenby_debug > 0)
         std::fprintf(stderr, "quenby:execAndMonitor(%s for %s between %lld and %lld)\n",
@@ -362,10 +365,10 @@ int execAndMonitor(const char* command, FILE* shadow, const char* label, int suc
     // What was printed before must not be repeated by a child's copy.
     std::fflush(stdout);
     std::fflush(stderr);
-    const long long writtenBefore = shadowLinesWritten();
+    const long long writtenBefore = updater.linesWritten();
     MonitorCounts counts;
     auto monitor = [&](FILE* output) {
-        monitorClientOutput(output, shadow, label, successState, firstOffset, lastOffset, buf, counts);
+        monitorClientOutput(output, index, updater, shadow, label, successState, firstOffset, lastOffset, buf, counts);
     };
     int status = 0;
     if (timeoutSeconds > 0) {
@@ -397,7 +400,7 @@ int execAndMonitor(const char* command, FILE* shadow, const char* label, int suc
         std::printf("quenby: execAndMonitor() %s command close returned %d\n", label, status);
     // The driver takes the result line as done: the records it counts must
     // survive a crash of the machine.
-    if (shadow != nullptr && shadowLinesWritten() != writtenBefore && sysFdatasync(fileno(shadow)) != 0) {
+    if (shadow != nullptr && updater.linesWritten() != writtenBefore && sysFdatasync(fileno(shadow)) != 0) {
         std::printf("quenby: execAndMonitor() sync of the shadow database failed (err=%d)\n", cxiErrnoChecked());
         status = -1;
     }
