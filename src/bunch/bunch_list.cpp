@@ -127,8 +127,8 @@ public:
     // Flushes and closes the lists: the number of failures.
     int close();
 
-    offset_t low = 0;
-    offset_t high = 0;
+    offset_t first = 0;
+    offset_t last = 0;
 
 private:
     ListFile* listFor(const char* disposition);
@@ -175,14 +175,14 @@ int BunchSplitter::write(ListFile& list, const char* path)
 
 void BunchSplitter::widenRange(offset_t offset)
 {
-    if (low == 0) {
-        low = offset;
-        high = offset;
+    if (first == 0) {
+        first = offset;
+        last = offset;
     } else {
-        if (offset < low)
-            low = offset;
-        if (offset > high)
-            high = offset;
+        if (offset < first)
+            first = offset;
+        if (offset > last)
+            last = offset;
     }
 }
 
@@ -273,8 +273,8 @@ int splitLines(FILE* in, BunchSplitter& splitter)
 } // namespace
 
 int parseBackupRecords(const char* inList, const char* outChange, const char* outExpire,
-                       const char* outStateChange, const char* removePath, offset_t* lowIdx, offset_t* hiIdx,
-                       PathIndex& index)
+                       const char* outStateChange, const char* removePath, offset_t* firstOffset,
+                       offset_t* lastOffset, PathIndex& index)
 {
     if (quenby_debug > 0)
         std::fprintf(stderr, "quenby:parseBackupRecords(%s %s %s %s %s ...)\n", orNull(inList), orNull(outChange),
@@ -289,8 +289,6 @@ int parseBackupRecords(const char* inList, const char* outChange, const char* ou
     StdioFile in(inStream);
     in.setBuffer(kListBufferSize);
 
-    *lowIdx = 0;
-    *hiIdx = 0;
     if (removePath != nullptr && std::strcmp(removePath, "NONE") == 0)
         removePath = nullptr;
     int result = 0;
@@ -302,8 +300,8 @@ int parseBackupRecords(const char* inList, const char* outChange, const char* ou
     BunchSplitter splitter(outChange, outExpire, outStateChange, removePath, oldFormat, index);
     if (result == 0)
         result = splitLines(in.get(), splitter);
-    *lowIdx = splitter.low;
-    *hiIdx = splitter.high;
+    *firstOffset = splitter.first;
+    *lastOffset = splitter.last;
     if (result == 0)
         result = splitter.listMask();
 

@@ -15,10 +15,10 @@ constexpr int BUNCH_LIST_UPDATE = 4;
 // disposition and registers it in `index`. With no change list (and no
 // update list) the lines are of the old format and only expired. Returns
 // the mask of the lists written (0 to 7) or a negative failure code;
-// `lowIdx` and `hiIdx` receive the lowest and highest offset written.
+// `firstOffset` and `lastOffset` receive the lowest and highest offset written.
 int parseBackupRecords(const char* inList, const char* outChange, const char* outExpire,
-                       const char* outStateChange, const char* removePath, offset_t* lowIdx, offset_t* hiIdx,
-                       PathIndex& index);
+                       const char* outStateChange, const char* removePath, offset_t* firstOffset,
+                       offset_t* lastOffset, PathIndex& index);
 
 // Replaces the escapes of a bunch-line path in place: backslash-n becomes a
 // line feed, two backslashes one backslash.

@@ -292,6 +292,35 @@ int TimedClient::close()
     }
 }
 
+// Starts the client and hands its output to `monitor` to the end; false
+// when it could not be started, else its wait status through `status`.
+template <class MonitorOutput>
+bool runClient(const char* command, const char* label, int timeoutSeconds, MonitorOutput& monitor, int& status)
+{
+    if (timeoutSeconds > 0) {
+        TimedClient client(timeoutSeconds);
+        if (!client.start(command))
+            return false;
+        monitor(client.get());
+        status = client.close();
+        if (client.timedOut()) {
+            std::printf("quenby: execAndMonitor() %s command timed out after %d seconds\n", label, timeoutSeconds);
+            // A shell that had ended well left behind a process that was
+            // killed: the run fails as a killed one does.
+            if (status == 0)
+                status = SIGKILL;
+        }
+        return true;
+    }
+    FILE* pipe = sysPopen(command, "r");
+    if (pipe == nullptr)
+        return false;
+    PipeStream client(pipe);
+    monitor(client.get());
+    status = client.close();
+    return true;
+}
+
 } // namespace
 
 int clientTimeoutSetting()
@@ -371,30 +400,9 @@ int execAndMonitor(const char* command, PathIndex& index, RecordUpdater& updater
         monitorClientOutput(output, index, updater, shadow, label, successState, firstOffset, lastOffset, buf, counts);
     };
     int status = 0;
-    if (timeoutSeconds > 0) {
-        TimedClient client(timeoutSeconds);
-        if (!client.start(command)) {
-            std::printf("quenby: execAndMonitor() %s command %s could not be run\n", label, command);
-            return resultLine(0, 0, -1);
-        }
-        monitor(client.get());
-        status = client.close();
-        if (client.timedOut()) {
-            std::printf("quenby: execAndMonitor() %s command timed out after %d seconds\n", label, timeoutSeconds);
-            // A shell that had ended well left behind a process that was
-            // killed: the run fails as a killed one does.
-            if (status == 0)
-                status = SIGKILL;
-        }
-    } else {
-        FILE* pipe = sysPopen(command, "r");
-        if (pipe == nullptr) {
-            std::printf("quenby: execAndMonitor() %s command %s could not be run\n", label, command);
-            return resultLine(0, 0, -1);
-        }
-        PipeStream client(pipe);
-        monitor(client.get());
-        status = client.close();
+    if (!runClient(command, label, timeoutSeconds, monitor, status)) {
+        std::printf("quenby: execAndMonitor() %s command %s could not be run\n", label, command);
+        return resultLine(0, 0, -1);
     }
     if (status != 0)
         std::printf("quenby: execAndMonitor() %s command close returned %d\n", label, status);

@@ -144,8 +144,8 @@ int lockRange(ShadowLock& lock, BunchRun& run, const char* shadowDB)
     quenbyCheck(run.firstOffset > 0, "firstOffset > 0");
     quenbyCheck(!run.updater.oldFormatExpiry(), "expireOldFormat == 0");
     if (run.lastOffset == run.firstOffset)
-        run.lastOffset = run.firstOffset > INT64_MAX - kSingleRecordLockBytes ? INT64_MAX
-                                                                              : run.firstOffset + kSingleRecordLockBytes;
+        run.lastOffset =
+            run.firstOffset > INT64_MAX - kSingleRecordLockBytes ? INT64_MAX : run.firstOffset + kSingleRecordLockBytes;
     if (int rc = lock.acquire(fileno(run.shadow), run.firstOffset, run.lastOffset)) {
         std::fputs("quenby: execBunch() shadow DB lock failed.\n", stdout);
         return rc;

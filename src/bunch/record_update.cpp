@@ -117,7 +117,8 @@ void RecordUpdater::writeIntoWindow(int fd, const Record& rec)
     if (to > windowEnd)
         to = windowEnd;
     if (from < to)
-        std::memcpy(window_.bytes + (from - window_.start), line_ + (from - rec.offset), static_cast<size_t>(to - from));
+        std::memcpy(window_.bytes + (from - window_.start), line_ + (from - rec.offset),
+                    static_cast<size_t>(to - from));
 }
 
 // Reads and parses the record at `offset`; the reader's result, with 0 and
@@ -145,7 +146,8 @@ bool RecordUpdater::writeLineAt(int fd, const Record& rec)
     ++linesWritten_; // even a failed write may have reached the file
     size_t done = 0;
     while (done < rec.len) {
-        ssize_t put = sysPwrite(fd, line_ + done, rec.len - done, static_cast<off_t>(rec.offset) + static_cast<off_t>(done));
+        ssize_t put =
+            sysPwrite(fd, line_ + done, rec.len - done, static_cast<off_t>(rec.offset) + static_cast<off_t>(done));
         if (put <= 0)
             return false;
         done += static_cast<size_t>(put);
