@@ -72,7 +72,8 @@ class Monitor {
 public:
     Monitor(PathIndex& index, RecordUpdater& updater, FILE* shadow, const char* label, int successState,
             offset_t firstOffset, offset_t lastOffset)
-        : index_(index), updater_(updater), shadow_(shadow), label_(label), successState_(successState), first_(firstOffset), last_(lastOffset)
+        : index_(index), updater_(updater), shadow_(shadow), label_(label), successState_(successState),
+          first_(firstOffset), last_(lastOffset)
     {
     }
 
