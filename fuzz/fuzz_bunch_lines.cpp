@@ -16,16 +16,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const bool quoted = !(mode & 1);
     const char* removePath = (mode & 2) ? "/fs" : (mode & 4) ? "NONE" : nullptr;
     const bool oldFormat = mode & 8;
-    pathIndexReset();
-    expireOldFormat = 0;
-    gsiCount = 100;
+    PathIndex index(100);
     offset_t low = 0, high = 0;
     try {
         parseBackupRecords(bunch.c_str(), oldFormat ? nullptr : chg.c_str(), exp.c_str(),
-                           oldFormat ? nullptr : upd.c_str(), removePath, &low, &high, gsi_insert, quoted);
+                           oldFormat ? nullptr : upd.c_str(), removePath, &low, &high, index, quoted);
     } catch (const ConsistencyError&) {
         // An empty path or offset 0: reported as a broken condition.
     }
-    pathIndexReset();
     return 0;
 }

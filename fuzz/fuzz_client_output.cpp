@@ -1,6 +1,5 @@
 // The backup client's output as the monitor reads it, against an index of
 // a few paths and a small shadow database in a scratch file.
-#include "bunch/bunch_list.h"
 #include "bunch/client_monitor.h"
 #include "bunch/path_index.h"
 #include "bunch/record_update.h"
@@ -26,25 +25,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     std::string db = fuzz::writeScratch("shadow", reinterpret_cast<const uint8_t*>(kShadow), sizeof kShadow - 1);
     FILE* shadow = std::fopen(db.c_str(), "r+");
     FILE* output = fuzz::inputStream(data, size);
-    pathIndexReset();
-    expireOldFormat = 0;
-    gsiCount = 100;
+    PathIndex index(100);
+    RecordUpdater updater;
     char a[] = "/fs/a", b[] = "/fs/b c";
-    gsi_insert(a, 1);
-    gsi_insert(b, 250);
-    if (shadow != nullptr && output != nullptr && allocUpdateBuffers()) {
+    index.insert(a, 1);
+    index.insert(b, 250);
+    if (shadow != nullptr && output != nullptr && updater.allocate()) {
         HeapBuf buf;
         MonitorCounts counts;
         if (buf.allocate(64)) {
             try {
-                monitorClientOutput(output, shadow, "backup", 0, 1, 250, buf, counts);
+                monitorClientOutput(output, index, updater, shadow, "backup", 0, 1, 250, buf, counts);
             } catch (const ConsistencyError&) {
                 // A broken pair stops the run; that is the program's answer.
             }
         }
     }
-    freeUpdateBuffers();
-    pathIndexReset();
     if (output != nullptr)
         std::fclose(output);
     if (shadow != nullptr)

@@ -1,5 +1,5 @@
-// The path index of execbunch: MUHash over keys of growing length, and
-// gsi_findIndex in a table of a million slots filled to 50, 90 and 100 per
+// The path index of execbunch: PathHash over keys of growing length, and
+// PathIndex::find in a table of a million slots filled to 50, 90 and 100 per
 // cent, looking up present and absent paths in random order.
 #include "bunch/path_index.h"
 #include "sample_data.h"
@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <numeric>
 #include <random>
 #include <string>
@@ -15,13 +16,6 @@
 #include <vector>
 
 namespace {
-
-// Every lookup must use the mixing words the program hashes with: those the
-// constructor sets, nothing re-mixed.
-bool hashAsTheProgramHasIt()
-{
-    return std::memcmp(gsimu.mix, c_mix, sizeof c_mix) == 0;
-}
 
 void BM_universalHash(benchmark::State& state)
 {
@@ -31,21 +25,18 @@ void BM_universalHash(benchmark::State& state)
     while (key.size() < len)
         key += "/cluster/fs1/" + data.path(key.size());
     key.resize(len);
-    if (!hashAsTheProgramHasIt()) {
-        state.SkipWithError("gsimu is not set up as the program sets it up");
-        return;
-    }
-    const uint32_t expected = gsimu.universalHash(key.data(), len);
+    PathHash hash;
+    const uint32_t expected = hash(key.data(), len);
     std::string changed = key;
     changed.back() ^= 1;
-    if (gsimu.universalHash(changed.data(), len) == expected) {
+    if (hash(changed.data(), len) == expected) {
         state.SkipWithError("the hash does not read the key's last byte");
         return;
     }
 
     uint32_t h = 0;
     for (auto _ : state) {
-        h = gsimu.universalHash(key.data(), len);
+        h = hash(key.data(), len);
         benchmark::DoNotOptimize(h);
     }
     if (h != expected)
@@ -108,6 +99,7 @@ struct Query {
 // misses; the benchmarks run in registration order, so three builds in all.
 struct LoadedIndex {
     int percent = -1;
+    std::unique_ptr<PathIndex> index;
     std::vector<Query> hits, misses;
 } loaded;
 
@@ -118,11 +110,10 @@ const char* loadIndex(int percent)
         return nullptr;
     loaded = LoadedIndex();
     SamplePaths& paths = samplePaths();
-    pathIndexReset();
-    gsiCount = kSlots;
+    loaded.index = std::make_unique<PathIndex>(kSlots);
     const uint32_t filled = static_cast<uint32_t>(static_cast<uint64_t>(kSlots) * percent / 100);
     for (uint32_t i = 0; i < filled; ++i)
-        if (gsi_insert(paths.present.at(i), paths.offsets[i]) != 0)
+        if (loaded.index->insert(paths.present.at(i), paths.offsets[i]) != 0)
             return "the index did not take a path";
 
     std::mt19937_64 rng(static_cast<uint64_t>(percent));
@@ -136,25 +127,22 @@ const char* loadIndex(int percent)
     return nullptr;
 }
 
-void BM_gsiFindIndex(benchmark::State& state)
+void BM_pathIndexFind(benchmark::State& state)
 {
     const int percent = static_cast<int>(state.range(0));
     const bool hit = state.range(1) != 0;
-    if (!hashAsTheProgramHasIt()) {
-        state.SkipWithError("gsimu is not set up as the program sets it up");
-        return;
-    }
     if (const char* error = loadIndex(percent)) {
         state.SkipWithError(error);
         return;
     }
     const std::vector<Query>& queries = hit ? loaded.hits : loaded.misses;
+    PathIndex& index = *loaded.index;
 
     size_t next = 0;
     bool wrong = false;
     for (auto _ : state) {
         const Query& q = queries[next];
-        wrong |= gsi_findIndex(q.path, nullptr) != q.want;
+        wrong |= index.find(q.path, nullptr) != q.want;
         if (++next == queries.size())
             next = 0;
     }
@@ -162,7 +150,7 @@ void BM_gsiFindIndex(benchmark::State& state)
         state.SkipWithError(hit ? "a present path was not found at its offset" : "an absent path was found");
     state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_gsiFindIndex)
+BENCHMARK(BM_pathIndexFind)
     ->ArgNames({"load_pct", "hit"})
     ->Args({50, 1})
     ->Args({50, 0})

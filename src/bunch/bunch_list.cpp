@@ -1,18 +1,18 @@
 #include "bunch/bunch_list.h"
 
+#include "bunch/path_index.h"
+
 #include "records/scanf_cursor.h"
 #include "support/debug_level.h"
 #include "support/file_open.h"
-#include "support/file_stream.h"
 #include "support/line_read.h"
+#include "support/file_stream.h"
 #include "support/sys_call.h"
 
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
-int expireOldFormat = 0;
 
 namespace {
 
@@ -100,11 +100,182 @@ void unescapeBunchPath(char* path)
     *out = '\0';
 }
 
-int parseBackupRecords(const char* inList, const char* outChange, const char* outExpire,
-                       const char* outStateChange, const char* removePath, offset_t* lowIdx, offset_t* hiIdx,
-                       AddPathFunc addPath, bool quoted)
+namespace {
+
+const char* orNull(const char* s)
 {
-    auto orNull = [](const char* s) { return s != nullptr ? s : "(null)"; };
+    return s != nullptr ? s : "(null)";
+}
+
+// The lines of one bunch file written to their lists and registered in the
+// index; the lists are opened at their first line.
+class BunchSplitter {
+public:
+    BunchSplitter(const char* outChange, const char* outExpire, const char* outStateChange, const char* removePath,
+                  bool oldFormat, PathIndex& index, bool quoted)
+        : lists_{{outExpire, BUNCH_LIST_EXPIRE, -104, "quenby: could not open output %s:\n", {}},
+                 {outChange, BUNCH_LIST_BACKUP, -103, "quenby: could not open output %s\n", {}},
+                 {outStateChange, BUNCH_LIST_UPDATE, -106, "quenby: could not open output %s\n", {}}},
+          quotes_(quoted), removePath_(removePath), oldFormat_(oldFormat), index_(index)
+    {
+    }
+
+    // 0 to go on, else the run's failure code.
+    int line(char* text);
+    // The bits of the lists written.
+    int listMask() const;
+    // Flushes and closes the lists: the number of failures.
+    int close();
+
+    offset_t first = 0;
+    offset_t last = 0;
+
+private:
+    ListFile* listFor(const char* disposition);
+    int write(ListFile& list, const char* path);
+    void widenRange(offset_t offset);
+
+    ListFile lists_[3]; // expire, backup, update
+    const bool quotes_;
+    const char* removePath_;
+    bool oldFormat_;
+    PathIndex& index_;
+};
+
+ListFile* BunchSplitter::listFor(const char* disposition)
+{
+    if (std::strncmp(disposition, "updated", 7) == 0)
+        return &lists_[1];
+    if (std::strncmp(disposition, "expired", 7) == 0)
+        return &lists_[0];
+    if (std::strncmp(disposition, "ctimech", 7) == 0)
+        return &lists_[2];
+    return nullptr;
+}
+
+// Writes the path as one line of the list: 0, or the failure code.
+int BunchSplitter::write(ListFile& list, const char* path)
+{
+    if (!list.file) {
+        FILE* out = nullptr;
+        cxiFopen(list.path, "w", &out, inheritNone);
+        if (out == nullptr) {
+            std::fprintf(stderr, list.openMessage, orNull(list.path));
+            return list.openFailure;
+        }
+        list.file = StdioFile(out);
+        list.file.setBuffer(kListBufferSize);
+    }
+    FILE* f = list.file.get();
+    size_t pathLen = std::strlen(path);
+    bool written = (!quotes_ || sysFwrite("\"", 1, f) == 1) && sysFwrite(path, pathLen, f) == pathLen
+                   && (!quotes_ || sysFwrite("\"", 1, f) == 1) && sysFwrite("\n", 1, f) == 1;
+    return written ? 0 : -107;
+}
+
+void BunchSplitter::widenRange(offset_t offset)
+{
+    if (first == 0) {
+        first = offset;
+        last = offset;
+    } else {
+        if (offset < first)
+            first = offset;
+        if (offset > last)
+            last = offset;
+    }
+}
+
+int BunchSplitter::line(char* text)
+{
+    if (quenby_debug > 7)
+        std::fprintf(stderr, "quenby:parseBackupRecords()%s", text);
+    char disposition[16];
+    offset_t offset = 0;
+    if (!parseBunchHead(text, oldFormat_, disposition, &offset)) {
+        std::fprintf(stderr, "quenby: input line %s could not be parsed\n", text);
+        return -101;
+    }
+    char* sep = std::strstr(text, kSeparator);
+    if (sep == nullptr) {
+        std::fprintf(stderr, "quenby: could not locate start of file path in %s\n", text);
+        return -102;
+    }
+    char* path = sep + sizeof kSeparator - 1;
+    if (char* lf = std::strrchr(path, '\n'))
+        *lf = '\0';
+    if (quenby_debug > 2)
+        std::fprintf(stderr, "quenby:parseBackupRecords() [%s] [%s]\n", disposition, path);
+    unescapeBunchPath(path);
+    if (removePath_ != nullptr && !removePathPart(path, removePath_)) {
+        std::fprintf(stderr, "quenby:parseBackupRecords() [%s] not found in [%s], skipping\n", removePath_, path);
+        return 0;
+    }
+    ListFile* list = listFor(disposition);
+    if (list == nullptr) {
+        std::fprintf(stderr, "quenby: cannot determine disposition for %s\n", disposition);
+        return 0;
+    }
+    if (int rc = write(*list, path))
+        return rc;
+    if (!oldFormat_) {
+        int rc = index_.insert(path, offset);
+        if (rc < 0) {
+            std::fprintf(stderr, "quenby: error while adding path %s to index %d\n", path, rc);
+            return -105;
+        }
+    }
+    widenRange(offset);
+    return 0;
+}
+
+int BunchSplitter::listMask() const
+{
+    int mask = 0;
+    for (const ListFile& list : lists_)
+        if (list.file)
+            mask |= list.bit;
+    return mask;
+}
+
+int BunchSplitter::close()
+{
+    int failures = 0;
+    for (ListFile& list : lists_) {
+        if (!list.file)
+            continue;
+        failures += sysFflush(list.file.get()) != 0;
+        failures += list.file.close() != 0;
+    }
+    return failures;
+}
+
+// Every line of the bunch through the splitter: 0, or the failure code.
+int splitLines(FILE* in, BunchSplitter& splitter)
+{
+    HeapBuf line;
+    if (!line.allocate(kBunchLineSize))
+        return -1;
+    size_t len = 0;
+    for (;;) {
+        int got = readWholeLine(in, line, len);
+        if (got < 0) {
+            std::fputs("quenby: parseBackupRecords() out of memory for a bunch line\n", stderr);
+            return -1;
+        }
+        if (got == 0)
+            return 0;
+        if (int rc = splitter.line(line.ptr))
+            return rc;
+    }
+}
+
+} // namespace
+
+int parseBackupRecords(const char* inList, const char* outChange, const char* outExpire,
+                       const char* outStateChange, const char* removePath, offset_t* firstOffset,
+                       offset_t* lastOffset, PathIndex& index, bool quoted)
+{
     if (quenby_debug > 0)
         std::fprintf(stderr, "quenby:parseBackupRecords(%s %s %s %s %s ...)\n", orNull(inList), orNull(outChange),
                      orNull(outExpire), orNull(outStateChange), orNull(removePath));
@@ -118,134 +289,23 @@ int parseBackupRecords(const char* inList, const char* outChange, const char* ou
     StdioFile in(inStream);
     in.setBuffer(kListBufferSize);
 
-    *lowIdx = 0;
-    *hiIdx = 0;
     if (removePath != nullptr && std::strcmp(removePath, "NONE") == 0)
         removePath = nullptr;
-
-    ListFile lists[] = {
-        {outExpire, BUNCH_LIST_EXPIRE, -104, "quenby: could not open output %s:\n", {}},
-        {outChange, BUNCH_LIST_BACKUP, -103, "quenby: could not open output %s\n", {}},
-        {outStateChange, BUNCH_LIST_UPDATE, -106, "quenby: could not open output %s\n", {}},
-    };
-    ListFile& expireList = lists[0];
-    ListFile& backupList = lists[1];
-    ListFile& updateList = lists[2];
-
     int result = 0;
-    bool oldFormat = false;
-    if (outChange == nullptr) {
-        if (outStateChange != nullptr) {
-            std::fputs("quenby: inconsistent input args\n", stderr);
-            result = -1;
-        } else {
-            expireOldFormat = 1;
-            oldFormat = true;
-        }
-    }
-
-    HeapBuf line;
-    if (result == 0 && !line.allocate(kBunchLineSize))
+    const bool oldFormat = outChange == nullptr && outStateChange == nullptr;
+    if (outChange == nullptr && outStateChange != nullptr) {
+        std::fputs("quenby: inconsistent input args\n", stderr);
         result = -1;
-    size_t len = 0;
-    while (result == 0) {
-        int got = readWholeLine(in.get(), line, len);
-        if (got <= 0) {
-            if (got < 0) {
-                std::fputs("quenby: parseBackupRecords() out of memory for a bunch line\n", stderr);
-                result = -1;
-            }
-            break;
-        }
-        char* text = line.ptr;
-        if (quenby_debug > 7)
-            std::fprintf(stderr, "quenby:parseBackupRecords()%s", text);
-        char disposition[16];
-        offset_t offset = 0;
-        if (!parseBunchHead(text, oldFormat, disposition, &offset)) {
-            std::fprintf(stderr, "quenby: input line %s could not be parsed\n", text);
-            result = -101;
-            break;
-        }
-        char* sep = std::strstr(text, kSeparator);
-        if (sep == nullptr) {
-            std::fprintf(stderr, "quenby: could not locate start of file path in %s\n", text);
-            result = -102;
-            break;
-        }
-        char* path = sep + sizeof kSeparator - 1;
-        if (char* lf = std::strrchr(path, '\n'))
-            *lf = '\0';
-        if (quenby_debug > 2)
-            std::fprintf(stderr, "quenby:parseBackupRecords() [%s] [%s]\n", disposition, path);
-        unescapeBunchPath(path);
-        if (removePath != nullptr && !removePathPart(path, removePath)) {
-            std::fprintf(stderr, "quenby:parseBackupRecords() [%s] not found in [%s], skipping\n", removePath, path);
-            continue;
-        }
-
-        ListFile* list = nullptr;
-        if (std::strncmp(disposition, "updated", 7) == 0)
-            list = &backupList;
-        else if (std::strncmp(disposition, "expired", 7) == 0)
-            list = &expireList;
-        else if (std::strncmp(disposition, "ctimech", 7) == 0)
-            list = &updateList;
-        if (list == nullptr) {
-            std::fprintf(stderr, "quenby: cannot determine disposition for %s\n", disposition);
-            continue;
-        }
-        if (!list->file) {
-            FILE* out = nullptr;
-            cxiFopen(list->path, "w", &out, inheritNone);
-            if (out == nullptr) {
-                std::fprintf(stderr, list->openMessage, orNull(list->path));
-                result = list->openFailure;
-                break;
-            }
-            list->file = StdioFile(out);
-            list->file.setBuffer(kListBufferSize);
-        }
-        size_t pathLen = std::strlen(path);
-        bool written = (!quoted || sysFwrite("\"", 1, list->file.get()) == 1)
-                       && sysFwrite(path, pathLen, list->file.get()) == pathLen
-                       && (!quoted || sysFwrite("\"", 1, list->file.get()) == 1)
-                       && sysFwrite("\n", 1, list->file.get()) == 1;
-        if (!written) {
-            result = -107;
-            break;
-        }
-        if (!oldFormat) {
-            int rc = addPath(path, offset);
-            if (rc < 0) {
-                std::fprintf(stderr, "quenby: error while adding path %s to index %d\n", path, rc);
-                result = -105;
-                break;
-            }
-        }
-        if (*lowIdx == 0) {
-            *lowIdx = offset;
-            *hiIdx = offset;
-        } else {
-            if (offset < *lowIdx)
-                *lowIdx = offset;
-            if (offset > *hiIdx)
-                *hiIdx = offset;
-        }
     }
-
+    BunchSplitter splitter(outChange, outExpire, outStateChange, removePath, oldFormat, index, quoted);
     if (result == 0)
-        for (const ListFile& list : lists)
-            if (list.file)
-                result |= list.bit;
+        result = splitLines(in.get(), splitter);
+    *firstOffset = splitter.first;
+    *lastOffset = splitter.last;
+    if (result == 0)
+        result = splitter.listMask();
 
-    int failures = 0;
-    for (ListFile* list : {&expireList, &backupList, &updateList}) {
-        if (!list->file)
-            continue;
-        failures += sysFflush(list->file.get()) != 0;
-        failures += list->file.close() != 0;
-    }
+    int failures = splitter.close();
     failures += in.close() != 0;
     if (failures != 0) {
         std::fprintf(stderr, "quenby: %d errors occurred in closing output files.\n", failures);

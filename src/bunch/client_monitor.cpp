@@ -1,6 +1,5 @@
 #include "bunch/client_monitor.h"
 
-#include "bunch/bunch_list.h"
 #include "bunch/path_index.h"
 #include "bunch/record_update.h"
 #include "support/debug_level.h"
@@ -71,8 +70,10 @@ struct FileReport {
 
 class Monitor {
 public:
-    Monitor(FILE* shadow, const char* label, int successState, offset_t firstOffset, offset_t lastOffset)
-        : shadow_(shadow), label_(label), successState_(successState), first_(firstOffset), last_(lastOffset)
+    Monitor(PathIndex& index, RecordUpdater& updater, FILE* shadow, const char* label, int successState,
+            offset_t firstOffset, offset_t lastOffset)
+        : index_(index), updater_(updater), shadow_(shadow), label_(label), successState_(successState),
+          first_(firstOffset), last_(lastOffset)
     {
     }
 
@@ -84,6 +85,8 @@ public:
 private:
     void fileReport(char* text, const FileReport& report);
 
+    PathIndex& index_;
+    RecordUpdater& updater_;
     FILE* shadow_;
     const char* label_;
     int successState_;
@@ -111,11 +114,11 @@ void Monitor::fileReport(char* text, const FileReport& report)
         return;
     }
     *end = '\0';
-    if (expireOldFormat == 1)
+    if (updater_.oldFormatExpiry())
         return;
 
     uint32_t slot = 0;
-    offset_t offset = gsi_findIndex(path, &slot);
+    offset_t offset = index_.find(path, &slot);
     if (offset == 0) {
         std::printf("quenby:execAndMonitor() unrequested %s path:%s\n", label_, path);
         return;
@@ -124,7 +127,7 @@ void Monitor::fileReport(char* text, const FileReport& report)
         std::printf("quenby:execAndMonitor()%s %s outside range [%llx - %llx]\n", label_, path,
                     static_cast<unsigned long long>(first_), static_cast<unsigned long long>(last_));
     ++updated;
-    updateShadowPDR(shadow_, offset, state, slot);
+    updater_.update(shadow_, offset, state, index_.markOf(slot));
 }
 
 void Monitor::line(char* text)
@@ -290,6 +293,35 @@ int TimedClient::close()
     }
 }
 
+// Starts the client and hands its output to `monitor` to the end; false
+// when it could not be started, else its wait status through `status`.
+template <class MonitorOutput>
+bool runClient(const char* command, const char* label, int timeoutSeconds, MonitorOutput& monitor, int& status)
+{
+    if (timeoutSeconds > 0) {
+        TimedClient client(timeoutSeconds);
+        if (!client.start(command))
+            return false;
+        monitor(client.get());
+        status = client.close();
+        if (client.timedOut()) {
+            std::printf("quenby: execAndMonitor() %s command timed out after %d seconds\n", label, timeoutSeconds);
+            // A shell that had ended well left behind a process that was
+            // killed: the run fails as a killed one does.
+            if (status == 0)
+                status = SIGKILL;
+        }
+        return true;
+    }
+    FILE* pipe = sysPopen(command, "r");
+    if (pipe == nullptr)
+        return false;
+    PipeStream client(pipe);
+    monitor(client.get());
+    status = client.close();
+    return true;
+}
+
 } // namespace
 
 int clientTimeoutSetting(const char* text)
@@ -302,11 +334,12 @@ int clientTimeoutSetting(const char* text)
     return *end == '\0' && errno == 0 && seconds > 0 && seconds <= INT_MAX ? static_cast<int>(seconds) : 0;
 }
 
-void monitorClientOutput(FILE* output, FILE* shadow, const char* label, int successState, offset_t firstOffset,
-                         offset_t lastOffset, HeapBuf& buf, MonitorCounts& counts)
+void monitorClientOutput(FILE* output, PathIndex& index, RecordUpdater& updater, FILE* shadow, const char* label,
+                         int successState, offset_t firstOffset, offset_t lastOffset, HeapBuf& buf,
+                         MonitorCounts& counts)
 {
-    Monitor monitor(shadow, label, successState, firstOffset, lastOffset);
-    RecordReadWindow window(shadow);
+    Monitor monitor(index, updater, shadow, label, successState, firstOffset, lastOffset);
+    RecordReadWindow window(updater, shadow);
     while (readClientLine(output, buf)) {
         if (quenby_debug > 3)
             std::fprintf(stderr, "quenby:QBS:%s", buf.ptr);
@@ -337,8 +370,8 @@ void monitorClientOutput(FILE* output, FILE* shadow, const char* label, int succ
     counts.failed = monitor.failed;
 }
 
-int execAndMonitor(const char* command, FILE* shadow, const char* label, int successState, offset_t firstOffset,
-                   offset_t lastOffset, int timeoutSeconds)
+int execAndMonitor(const char* command, PathIndex& index, RecordUpdater& updater, FILE* shadow, const char* label,
+                   int successState, offset_t firstOffset, offset_t lastOffset, int timeoutSeconds)
 {
     if (quenby_debug > 0)
         std::fprintf(stderr, "quenby:execAndMonitor(%s for %s between %lld and %lld)\n",
@@ -361,42 +394,21 @@ int execAndMonitor(const char* command, FILE* shadow, const char* label, int suc
     // What was printed before must not be repeated by a child's copy.
     std::fflush(stdout);
     std::fflush(stderr);
-    const long long writtenBefore = shadowLinesWritten();
+    const long long writtenBefore = updater.linesWritten();
     MonitorCounts counts;
     auto monitor = [&](FILE* output) {
-        monitorClientOutput(output, shadow, label, successState, firstOffset, lastOffset, buf, counts);
+        monitorClientOutput(output, index, updater, shadow, label, successState, firstOffset, lastOffset, buf, counts);
     };
     int status = 0;
-    if (timeoutSeconds > 0) {
-        TimedClient client(timeoutSeconds);
-        if (!client.start(command)) {
-            std::printf("quenby: execAndMonitor() %s command %s could not be run\n", label, command);
-            return resultLine(0, 0, -1);
-        }
-        monitor(client.get());
-        status = client.close();
-        if (client.timedOut()) {
-            std::printf("quenby: execAndMonitor() %s command timed out after %d seconds\n", label, timeoutSeconds);
-            // A shell that had ended well left behind a process that was
-            // killed: the run fails as a killed one does.
-            if (status == 0)
-                status = SIGKILL;
-        }
-    } else {
-        FILE* pipe = sysPopen(command, "r");
-        if (pipe == nullptr) {
-            std::printf("quenby: execAndMonitor() %s command %s could not be run\n", label, command);
-            return resultLine(0, 0, -1);
-        }
-        PipeStream client(pipe);
-        monitor(client.get());
-        status = client.close();
+    if (!runClient(command, label, timeoutSeconds, monitor, status)) {
+        std::printf("quenby: execAndMonitor() %s command %s could not be run\n", label, command);
+        return resultLine(0, 0, -1);
     }
     if (status != 0)
         std::printf("quenby: execAndMonitor() %s command close returned %d\n", label, status);
     // The driver takes the result line as done: the records it counts must
     // survive a crash of the machine.
-    if (shadow != nullptr && shadowLinesWritten() != writtenBefore && sysFdatasync(fileno(shadow)) != 0) {
+    if (shadow != nullptr && updater.linesWritten() != writtenBefore && sysFdatasync(fileno(shadow)) != 0) {
         std::printf("quenby: execAndMonitor() sync of the shadow database failed (err=%d)\n", cxiErrnoChecked());
         status = -1;
     }

@@ -7,13 +7,17 @@
 
 #include <cstdio>
 
-// Runs `command` through the shell and monitors its output. Prints
+class PathIndex;
+class RecordUpdater;
+
+// Runs `command` through the shell and monitors its output: each reported
+// path is looked up in `index` and its record rewritten by `updater`. Prints
 // "::EXECANDMONITOR::<updated>::<failed>::<status>::" last; returns the
 // command's wait status, or -1 when it could not be started or the records
 // it had rewritten could not be made durable. With `timeoutSeconds` > 0 a
 // run that lasts longer is ended, with every process of its group.
-int execAndMonitor(const char* command, FILE* shadow, const char* label, int successState, offset_t firstOffset,
-                   offset_t lastOffset, int timeoutSeconds = 0);
+int execAndMonitor(const char* command, PathIndex& index, RecordUpdater& updater, FILE* shadow, const char* label,
+                   int successState, offset_t firstOffset, offset_t lastOffset, int timeoutSeconds = 0);
 
 // QUENBY_CLIENT_TIMEOUT's `text`: whole seconds > 0, else 0 (no limit).
 int clientTimeoutSetting(const char* text);
@@ -25,5 +29,6 @@ struct MonitorCounts {
 
 // Reads the client's output from `output` to its end, line by line, and
 // acts on every recognised line; `buf` is the caller's line buffer.
-void monitorClientOutput(FILE* output, FILE* shadow, const char* label, int successState, offset_t firstOffset,
-                         offset_t lastOffset, HeapBuf& buf, MonitorCounts& counts);
+void monitorClientOutput(FILE* output, PathIndex& index, RecordUpdater& updater, FILE* shadow, const char* label,
+                         int successState, offset_t firstOffset, offset_t lastOffset, HeapBuf& buf,
+                         MonitorCounts& counts);

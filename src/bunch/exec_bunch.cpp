@@ -107,13 +107,6 @@ private:
     int fd_ = -1;
 };
 
-// Refuses a list file or shadow database named as the bunch file or as
-// each other, before anything is opened: the run would destroy an input.
-// The update buffers, freed on every way out.
-struct UpdateBuffers {
-    ~UpdateBuffers() { freeUpdateBuffers(); }
-};
-
 // Opens the shadow database for the in-place rewrites; false when it
 // cannot be opened.
 bool openShadow(const char* shadowDB, StdioFile& shadow)
@@ -131,8 +124,18 @@ bool openShadow(const char* shadowDB, StdioFile& shadow)
     return true;
 }
 
+// What one run has over its clients: the index of the bunch's paths, the
+// updater of its records and the offsets they lie between.
+struct BunchRun {
+    PathIndex& index;
+    RecordUpdater& updater;
+    FILE* shadow;
+    offset_t firstOffset;
+    offset_t lastOffset;
+};
+
 // Runs the commands whose lists were written; the status of the last one.
-int runCommands(int mask, FILE* shadow, offset_t firstOffset, offset_t lastOffset, const Settings& settings)
+int runCommands(int mask, const BunchRun& run, const Settings& settings)
 {
     int result = 0;
     for (size_t i = 0; i < std::size(commands); ++i) {
@@ -140,7 +143,7 @@ int runCommands(int mask, FILE* shadow, offset_t firstOffset, offset_t lastOffse
         if ((mask & cmd.bit) == 0)
             continue;
         if (cmd.bit != BUNCH_LIST_EXPIRE)
-            quenbyCheck(expireOldFormat == 0, "expireOldFormat == 0");
+            quenbyCheck(!run.updater.oldFormatExpiry(), "expireOldFormat == 0");
         const char* command = settings.command[i];
         if (command == nullptr) {
             std::printf("quenby: execBunch() %s command not provided in exec\n", cmd.label);
@@ -148,8 +151,46 @@ int runCommands(int mask, FILE* shadow, offset_t firstOffset, offset_t lastOffse
         }
         if (quenby_debug > 1)
             std::fprintf(stderr, cmd.debugFormat, command);
-        result = execAndMonitor(command, shadow, cmd.label, cmd.successState, firstOffset, lastOffset,
-                                settings.clientTimeout);
+        result = execAndMonitor(command, run.index, run.updater, run.shadow, cmd.label, cmd.successState,
+                                run.firstOffset, run.lastOffset, settings.clientTimeout);
+    }
+    return result;
+}
+
+// Write-locks the bunch's byte range of the shadow database, widening the
+// range of a single record: 0, or the failed request's result.
+int lockRange(ShadowLock& lock, BunchRun& run, const char* shadowDB)
+{
+    quenbyCheck(run.firstOffset <= run.lastOffset, "firstOffset <= lastOffset");
+    quenbyCheck(run.firstOffset > 0, "firstOffset > 0");
+    quenbyCheck(!run.updater.oldFormatExpiry(), "expireOldFormat == 0");
+    if (run.lastOffset == run.firstOffset)
+        run.lastOffset =
+            run.firstOffset > INT64_MAX - kSingleRecordLockBytes ? INT64_MAX : run.firstOffset + kSingleRecordLockBytes;
+    if (int rc = lock.acquire(fileno(run.shadow), run.firstOffset, run.lastOffset)) {
+        std::fputs("quenby: execBunch() shadow DB lock failed.\n", stdout);
+        return rc;
+    }
+    if (quenby_debug > 1)
+        std::fprintf(stderr, "quenby: acquired shadowDB lock [0x%llx] to [0x%llx] %s\n",
+                     static_cast<unsigned long long>(run.firstOffset), static_cast<unsigned long long>(run.lastOffset),
+                     shadowDB);
+    return 0;
+}
+
+// Runs the clients, under the lock when asked for.
+int runClients(int mask, BunchRun& run, const char* shadowDB, const Settings& settings, bool locking)
+{
+    ShadowLock lock;
+    if (locking)
+        if (int rc = lockRange(lock, run, shadowDB))
+            return rc;
+    int result = runCommands(mask, run, settings);
+    if (lock.held()) {
+        lock.release();
+        if (quenby_debug > 1)
+            std::fprintf(stderr, "quenby: released shadowDB lock [0x%llx] %s\n",
+                         static_cast<unsigned long long>(run.firstOffset), shadowDB);
     }
     return result;
 }
@@ -168,16 +209,11 @@ int runBunch(const char* inList, const char* outChange, const char* outExpire, c
             std::fputs("quenby:expiring old format inventory\n", stderr);
         oldFormatExpiry = true;
         outChange = outStateChange = shadowDB = nullptr;
-    } else {
-        if (gsiCount != 0) {
-            std::fputs("quenby:execBunch(): index table init failure\n", stdout);
-            return -2;
-        }
-        gsiCount = static_cast<uint32_t>(bunchSize < 100 ? 100 : bunchSize);
     }
-
-    UpdateBuffers buffers;
-    if (!allocUpdateBuffers()) {
+    // An old-format bunch registers no path.
+    PathIndex index(oldFormatExpiry ? 0 : static_cast<uint32_t>(bunchSize < 100 ? 100 : bunchSize));
+    RecordUpdater updater(oldFormatExpiry);
+    if (!updater.allocate()) {
         std::fputs("quenby:execBunch(): memory allocation failure\n", stdout);
         return -1;
     }
@@ -189,45 +225,17 @@ int runBunch(const char* inList, const char* outChange, const char* outExpire, c
         return -1;
     const bool locking = settings.lockShadow && !oldFormatExpiry;
 
-    offset_t firstOffset = 0;
-    offset_t lastOffset = 0;
-    int mask = parseBackupRecords(inList, outChange, outExpire, outStateChange, removePath, &firstOffset,
-                                  &lastOffset, gsi_insert, settings.quotedPaths);
+    BunchRun run{index, updater, nullptr, 0, 0};
+    int mask = parseBackupRecords(inList, outChange, outExpire, outStateChange, removePath, &run.firstOffset,
+                                  &run.lastOffset, index, settings.quotedPaths);
     if (mask <= 0) {
         std::printf("quenby:execBunch() error %d parsing records, skipping exec\n", mask);
         return mask;
     }
-
     if (!oldFormatExpiry && !openShadow(shadowDB, shadow))
         return 101;
-
-    ShadowLock lock;
-    if (locking) {
-        quenbyCheck(firstOffset <= lastOffset, "firstOffset <= lastOffset");
-        quenbyCheck(firstOffset > 0, "firstOffset > 0");
-        quenbyCheck(expireOldFormat == 0, "expireOldFormat == 0");
-        if (lastOffset == firstOffset)
-            lastOffset = firstOffset > INT64_MAX - kSingleRecordLockBytes ? INT64_MAX
-                                                                          : firstOffset + kSingleRecordLockBytes;
-        if (int rc = lock.acquire(fileno(shadow.get()), firstOffset, lastOffset)) {
-            std::fputs("quenby: execBunch() shadow DB lock failed.\n", stdout);
-            return rc;
-        }
-        if (quenby_debug > 1)
-            std::fprintf(stderr, "quenby: acquired shadowDB lock [0x%llx] to [0x%llx] %s\n",
-                         static_cast<unsigned long long>(firstOffset), static_cast<unsigned long long>(lastOffset),
-                         shadowDB);
-    }
-
-    int result = runCommands(mask, shadow.get(), firstOffset, lastOffset, settings);
-
-    if (lock.held()) {
-        lock.release();
-        if (quenby_debug > 1)
-            std::fprintf(stderr, "quenby: released shadowDB lock [0x%llx] %s\n",
-                         static_cast<unsigned long long>(firstOffset), shadowDB);
-    }
-    return result;
+    run.shadow = shadow.get();
+    return runClients(mask, run, shadowDB, settings, locking);
 }
 
 } // namespace

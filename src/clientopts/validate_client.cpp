@@ -26,25 +26,26 @@ struct YesOption {
     int QBSUserOption::*flag;
 };
 const YesOption yesOptions[] = {
-    {"QUOTESARELITERAL", &QBSUserOption::bQuotesareliteral},
-    {"SKIPACL", &QBSUserOption::bSkipacl},
-    {"SKIPACLUPDATECHECK", &QBSUserOption::bSkipaclupdatecheck},
-    {"WILDCARDSARELITERAL", &QBSUserOption::bWildcardsareliteral},
-    {"UPDATECTIME", &QBSUserOption::bUpdatectime},
+    {"QUOTESARELITERAL", &QBSUserOption::quotesAreLiteral},
+    {"SKIPACL", &QBSUserOption::skipAcl},
+    {"SKIPACLUPDATECHECK", &QBSUserOption::skipAclUpdateCheck},
+    {"WILDCARDSARELITERAL", &QBSUserOption::wildcardsAreLiteral},
+    {"UPDATECTIME", &QBSUserOption::updateCtime},
 };
 
-// The flags compared between master and node, in order, with their results.
+// The flags compared between master and node, in order, with their results;
+// `name` is the one the messages print.
 struct ComparedFlag {
     const char* name;
     int QBSUserOption::*flag;
     int result;
 };
 const ComparedFlag comparedFlags[] = {
-    {"bQuotesareliteral", &QBSUserOption::bQuotesareliteral, 103},
-    {"bSkipacl", &QBSUserOption::bSkipacl, 104},
-    {"bSkipaclupdatecheck", &QBSUserOption::bSkipaclupdatecheck, 105},
-    {"bWildcardsareliteral", &QBSUserOption::bWildcardsareliteral, 106},
-    {"bUpdatectime", &QBSUserOption::bUpdatectime, 107},
+    {"bQuotesareliteral", &QBSUserOption::quotesAreLiteral, 103},
+    {"bSkipacl", &QBSUserOption::skipAcl, 104},
+    {"bSkipaclupdatecheck", &QBSUserOption::skipAclUpdateCheck, 105},
+    {"bWildcardsareliteral", &QBSUserOption::wildcardsAreLiteral, 106},
+    {"bUpdatectime", &QBSUserOption::updateCtime, 107},
 };
 
 int copyOption(FILE* copy, const char* name, const char* value)
@@ -98,7 +99,7 @@ int parseQBSOptions(FILE* in, QBSUserOption* opt, FILE* copy)
         if (name == nullptr)
             continue;
         if (std::strncmp(name, kScrollPrompt, sizeof kScrollPrompt - 1) == 0)
-            opt->bScrollprompt = 1;
+            opt->scrollPrompt = 1;
         if (value == nullptr)
             continue;
         bool flagged = false;
@@ -111,9 +112,9 @@ int parseQBSOptions(FILE* in, QBSUserOption* opt, FILE* copy)
         }
         if (!flagged && std::strcmp(name, "TESTFLAGS") == 0) {
             if (std::strcmp(value, "QUOTESARELITERAL") == 0)
-                opt->bQuotesareliteral = 1;
+                opt->quotesAreLiteral = 1;
             else if (std::strcmp(value, "WILDCARDSARELITERAL") == 0)
-                opt->bWildcardsareliteral = 1;
+                opt->wildcardsAreLiteral = 1;
         }
         if (copy != nullptr)
             lastCopy = copyOption(copy, name, value);
@@ -194,7 +195,7 @@ int validateQBSClient(const char* masterOptionFile, const char* nodeOptionFile, 
             return f.result;
         }
     }
-    if (node.bScrollprompt) {
+    if (node.scrollPrompt) {
         std::fputs("quenby: validateqbsclient SCROLLPROMPT option detected on node and cannot continue\n", stderr);
         return 108;
     }

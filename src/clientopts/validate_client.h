@@ -6,12 +6,12 @@
 
 // The option flags of one side; each is set to 1 by the parser, never back.
 struct QBSUserOption {
-    int bQuotesareliteral;
-    int bSkipacl;
-    int bSkipaclupdatecheck;
-    int bWildcardsareliteral;
-    int bUpdatectime;
-    int bScrollprompt;
+    int quotesAreLiteral;
+    int skipAcl;
+    int skipAclUpdateCheck;
+    int wildcardsAreLiteral;
+    int updateCtime;
+    int scrollPrompt;
 };
 
 // Splits "name: value" in place. *name is null for a line of white space

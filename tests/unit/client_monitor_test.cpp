@@ -1,7 +1,6 @@
 // Client output lines: what reaches standard output, the result line, and the records' flags.
 #include "bunch/client_monitor.h"
 
-#include "bunch/bunch_list.h"
 #include "bunch/path_index.h"
 #include "bunch/record_update.h"
 #include "test_util.h"
@@ -72,24 +71,24 @@ TEST(ClientMonitor, ReportedFilesReachTheirRecords)
         {"", "quenby: execAndMonitor() backup command true could not be run\n" + none + "-1::\n", "bbe0", "", "true",
          -1, SysCall::fork, false, false, 0, 30},
     };
-    ASSERT_TRUE(allocUpdateBuffers());
     for (const Case& c : cases) {
         SCOPED_TRACE(c.client.substr(0, 60) + c.command);
         testutil::writeFile(db, text);
         testutil::writeFile(output, c.client);
-        pathIndexReset();
-        gsiCount = 100;
+        PathIndex index(100);
         for (int i = 0; i < 4; ++i)
-            ASSERT_EQ(gsi_insert(std::string(paths[i]).data(), at[i]), 0);
-        expireOldFormat = c.oldFormat ? 1 : 0;
+            ASSERT_EQ(index.insert(std::string(paths[i]).data(), at[i]), 0);
+        RecordUpdater updater(c.oldFormat);
+        ASSERT_TRUE(updater.allocate());
         if (c.fault != SysCall::count_)
             sysFailOn(c.fault, 1, EAGAIN);
         const std::string command = c.command.empty() ? "cat '" + output + "'" : c.command;
         FILE* f = std::fopen(db.c_str(), "r+");
         testing::internal::CaptureStdout();
         std::string err = testutil::stderrOf([&] {
-            EXPECT_EQ(execAndMonitor(command == "-" ? nullptr : command.c_str(), f, c.expire ? "expire" : "backup",
-                                     c.expire ? 0xd : 0x0, at[c.first], at[3], c.timeout),
+            EXPECT_EQ(execAndMonitor(command == "-" ? nullptr : command.c_str(), index, updater, f,
+                                     c.expire ? "expire" : "backup", c.expire ? 0xd : 0x0, at[c.first], at[3],
+                                     c.timeout),
                       c.result);
         });
         std::fclose(f);
@@ -100,9 +99,6 @@ TEST(ClientMonitor, ReportedFilesReachTheirRecords)
             flags += after[static_cast<size_t>(start) + std::string("0:0:0000000000000020:1:0:0:0:").size()];
         EXPECT_EQ(flags, c.flags);
     }
-    freeUpdateBuffers();
-    pathIndexReset();
-    expireOldFormat = 0;
 }
 
 } // namespace

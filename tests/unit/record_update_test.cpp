@@ -1,7 +1,6 @@
 // Records rewritten in place: whole files compared, so touching anything but a flag shows.
 #include "bunch/record_update.h"
 
-#include "bunch/path_index.h"
 #include "records/record_edit.h"
 #include "support/consistency.h"
 #include "test_util.h"
@@ -56,10 +55,10 @@ TEST(RecordUpdate, ReportsAndFailuresRewriteOnlyFlags)
     const std::string put = "updateShadowPDR() fputs", broken = "ConsistencyError: ";
     const std::string flagRule = broken + "newState == 0x0? ((uflag == 0xb) || (uflag == 0xa)): (uflag == 0x0)";
     const SysCall R = SysCall::pread, W = SysCall::pwrite;
-    // `slot` 0: the path's own. A read fault on an unchanged record proves it was not read.
+    // `outside`: the report carries no mark. A read fault on an unchanged record proves it was not read.
     struct Case {
         const char* name; Flags before; int newState; uint32_t mark; Flags after; uint32_t markAfter;
-        std::string err; int result = 0; SysCall fault = SysCall::count_; int nth = 1; uint32_t slot = 0;
+        std::string err; int result = 0; SysCall fault = SysCall::count_; int nth = 1; bool outside = false;
         unsigned ino2 = 0x20, gen2 = 1; bool atEnd = false;
     } cases[] = {
         {"done CHANGE+BACKUP", {"c", "b"}, 0x0, 0, {"d", "0"}, 1, ""},
@@ -80,24 +79,20 @@ TEST(RecordUpdate, ReportsAndFailuresRewriteOnlyFlags)
         {"reverted pair with BACKUP twin", {"d", "b"}, 0xb, 1, {"c", "b"}, 1, flagRule},
         {"offset at the end", {"b"}, 0x0, 0, {"b"}, 0, read2 + "0\n", 0, {}, 1, 0, 0x20, 1, true},
         // Outside the index there is no mark, so even a revert of a record never done is applied.
-        {"slot outside", {"0"}, 0xb, 0, {"b"}, 0, revert + "old]\n", 0, {}, 1, 100},
+        {"no mark", {"0"}, 0xb, 0, {"b"}, 0, revert + "old]\n", 0, {}, 1, true},
     };
-    pathIndexReset();
-    gsiCount = 100;
-    ASSERT_EQ(gsi_insert(std::string("/fs/old").data(), static_cast<offset_t>(kLead.size())), 0);
-    uint32_t slot = 0;
-    gsi_findIndex("/fs/old", &slot);
-    ASSERT_TRUE(allocUpdateBuffers());
+    RecordUpdater updater;
+    ASSERT_TRUE(updater.allocate());
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         const std::string text = shadow(c.before, c.ino2, c.gen2);
-        gsiHashP[slot].updateMark = c.mark;
+        uint32_t mark = c.mark;
         auto [after, err] = updated(text, [&](FILE* f) {
             if (c.fault != SysCall::count_)
                 sysFailOn(c.fault, c.nth, EIO);
             try {
-                EXPECT_EQ(updateShadowPDR(f, static_cast<offset_t>(c.atEnd ? text.size() : kLead.size()), c.newState,
-                                          c.slot != 0 ? c.slot : slot),
+                EXPECT_EQ(updater.update(f, static_cast<offset_t>(c.atEnd ? text.size() : kLead.size()), c.newState,
+                                         c.outside ? nullptr : &mark),
                           c.result);
             } catch (const ConsistencyError& e) {
                 std::fprintf(stderr, "%s%s", broken.c_str(), e.what());
@@ -105,13 +100,11 @@ TEST(RecordUpdate, ReportsAndFailuresRewriteOnlyFlags)
         });
         EXPECT_EQ(err, c.err);
         EXPECT_EQ(after, shadow(c.after, c.ino2, c.gen2));
-        EXPECT_EQ(gsiHashP[slot].updateMark, c.markAfter);
+        EXPECT_EQ(mark, c.markAfter);
     }
-    freeUpdateBuffers();
-    pathIndexReset();
 }
 
-// Records across the window's edges, longer than ulineP or the window; the last, cut, is never rewritten.
+// Records across the window's edges, longer than the line buffer or the window; the last, cut, is never rewritten.
 TEST(RecordUpdate, ReadWindowMatchesPlainReads)
 {
     std::vector<offset_t> at;
@@ -124,14 +117,13 @@ TEST(RecordUpdate, ReadWindowMatchesPlainReads)
     }
     text.pop_back();
     want.pop_back();
-    pathIndexReset(); // no index, no marks: every report reads its record
-    ASSERT_TRUE(allocUpdateBuffers());
+    RecordUpdater updater; // no marks: every report reads its record
+    ASSERT_TRUE(updater.allocate());
     EXPECT_TRUE(updated(text, [&](FILE* f) {
-        RecordReadWindow window(f);
+        RecordReadWindow window(updater, f);
         for (offset_t offset : at)
-            EXPECT_EQ(updateShadowPDR(f, offset, 0x0, UINT32_MAX), 0);
+            EXPECT_EQ(updater.update(f, offset, 0x0, nullptr), 0);
     }).first == want);
-    freeUpdateBuffers();
 }
 
 } // namespace
