@@ -158,7 +158,7 @@ int BunchSplitter::write(ListFile& list, const char* path)
 {
     if (!list.file) {
         FILE* out = nullptr;
-        cxiFopen(list.path, "w", &out, inheritNone);
+        openFile(list.path, "w", &out);
         if (out == nullptr) {
             std::fprintf(stderr, list.openMessage, orNull(list.path));
             return list.openFailure;
@@ -281,7 +281,7 @@ int parseBackupRecords(const char* inList, const char* outChange, const char* ou
                      orNull(outExpire), orNull(outStateChange), orNull(removePath));
 
     FILE* inStream = nullptr;
-    cxiFopen(inList, "r", &inStream, inheritNone);
+    openFile(inList, "r", &inStream);
     if (inStream == nullptr) {
         std::fprintf(stderr, "quenby: input file %s could not be opened\n", orNull(inList));
         return -1;

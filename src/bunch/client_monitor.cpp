@@ -409,7 +409,7 @@ int execAndMonitor(const char* command, PathIndex& index, RecordUpdater& updater
     // The driver takes the result line as done: the records it counts must
     // survive a crash of the machine.
     if (shadow != nullptr && updater.linesWritten() != writtenBefore && sysFdatasync(fileno(shadow)) != 0) {
-        std::printf("quenby: execAndMonitor() sync of the shadow database failed (err=%d)\n", cxiErrnoChecked());
+        std::printf("quenby: execAndMonitor() sync of the shadow database failed (err=%d)\n", portableErrnoNonZero());
         status = -1;
     }
     return resultLine(counts.updated, counts.failed, status);

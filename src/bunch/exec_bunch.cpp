@@ -112,7 +112,7 @@ private:
 bool openShadow(const char* shadowDB, StdioFile& shadow)
 {
     FILE* stream = nullptr;
-    cxiFopen(shadowDB, "r+", &stream, inheritNone);
+    openFile(shadowDB, "r+", &stream);
     if (stream == nullptr) {
         std::printf("quenby:execBunch():could not open shadowDB %s\n", shadowDB);
         return false;

@@ -129,7 +129,7 @@ namespace {
 int queryNodeOptions(const char* command, const char* nodeOptionFile, QBSUserOption* node)
 {
     FILE* stream = nullptr;
-    cxiFopen(nodeOptionFile, "w", &stream, inheritNone);
+    openFile(nodeOptionFile, "w", &stream);
     if (stream == nullptr) {
         systemError("quenby: fopen node QBS configuration file ");
         std::fprintf(stderr, "quenby: validateQBSClient: could not open %s\n", nodeOptionFile);
@@ -176,7 +176,7 @@ int validateQBSClient(const char* masterOptionFile, const char* nodeOptionFile, 
     if (refuseSharedOutputs(stderr, "quenby: validateQBSClient: ", {masterOptionFile}, {nodeOptionFile}) != 0)
         return 102;
     FILE* stream = nullptr;
-    cxiFopen(masterOptionFile, "r", &stream, inheritNone);
+    openFile(masterOptionFile, "r", &stream);
     if (stream == nullptr) {
         systemError("quenby: fopen master QBS configuration file ");
         std::fprintf(stderr, "quenby: validateQBSClient: could not open %s\n", masterOptionFile);

@@ -63,14 +63,14 @@ int createNoFollow(const char* path, bool exclusive, FILE** streamOut)
     *streamOut = nullptr;
     // In the fopen slot of the fault seam, as the opens it stands for.
     if (sysShouldFail(SysCall::fopen))
-        return cxiErrnoChecked();
+        return portableErrnoNonZero();
     int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | (exclusive ? O_EXCL : O_TRUNC);
     int fd = ::open(path, flags, 0666);
     if (fd < 0)
-        return cxiErrnoChecked();
+        return portableErrnoNonZero();
     FILE* stream = fdopen(fd, "w");
     if (stream == nullptr) {
-        int err = cxiErrnoChecked();
+        int err = portableErrnoNonZero();
         ::close(fd);
         return err;
     }
@@ -123,7 +123,7 @@ int writePathIndex(FILE* list, FILE* index, const char* indexName, PolicyRecord&
     for (;;) {
         off_t offset = sysFtello(list);
         if (offset < 0) {
-            std::fprintf(stderr, "quenby: sortPDRListByPathname: ftell fail err=%d\n", cxiErrnoChecked());
+            std::fprintf(stderr, "quenby: sortPDRListByPathname: ftell fail err=%d\n", portableErrnoNonZero());
             return -1;
         }
         int rc = readPolicyRecord(list, &rec.line.ptr, &rec.line.size, &rec.ino, &rec.gen, &rec.path.ptr,
@@ -141,7 +141,7 @@ int writePathIndex(FILE* list, FILE* index, const char* indexName, PolicyRecord&
         size_t pathLen = std::strlen(rec.path.ptr);
         if (sysFwrite(head, 17, index) != 17 || sysFwrite(rec.path.ptr, pathLen, index) != pathLen
             || sysFwrite("\n", 1, index) != 1) {
-            std::fprintf(stderr, "quenby rebuildshadow: write to %s fail err=%d\n", indexName, cxiErrnoChecked());
+            std::fprintf(stderr, "quenby rebuildshadow: write to %s fail err=%d\n", indexName, portableErrnoNonZero());
             return -1;
         }
         if (first) {
@@ -178,7 +178,7 @@ int sortPDRListByPathname(const char* listFile, const char* sortedFile, char** e
     }
 
     FILE* stream = nullptr;
-    cxiFopen(listFile, "r", &stream, inheritNone);
+    openFile(listFile, "r", &stream);
     if (stream == nullptr) {
         systemError("quenby: fopen scan result file");
         std::fprintf(stderr, "quenby: sortPDRListByPathname: could not open %s\n", listFile);

@@ -260,7 +260,7 @@ int Rebuild::fetchScanRecord(size_t* len, int* flag)
     int got = readRecordLineAt(fileno(f_.scan.get()), indexOffset_, &scanLine_.ptr, &scanLine_.size, len, &start);
     if (got < 0) {
         std::fprintf(stderr, "quenby: writeMergedRecord: fseek for scan file fail at offset=%lld, err=%d\n",
-                     indexOffset_, cxiErrnoChecked());
+                     indexOffset_, portableErrnoNonZero());
         return -1;
     }
     if (got == 0) {
@@ -334,7 +334,7 @@ int Rebuild::writeMergedRecord()
 int openInput(StdioFile& file, const char* path, const char* prefix, size_t buffer)
 {
     FILE* stream = nullptr;
-    cxiFopen(path, "r", &stream, inheritNone);
+    openFile(path, "r", &stream);
     if (stream == nullptr) {
         systemError(prefix);
         std::fprintf(stderr, "quenby: rebuildShadow: could not open %s\n", path);

@@ -282,7 +282,7 @@ int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t
             // A list that cannot be read must not pass for an empty one: the
             // merge would expire every file it no longer sees.
             if (ferror_unlocked(stream)) {
-                std::fprintf(stderr, "quenby: failed to read records (error=%d)\n", cxiErrnoChecked());
+                std::fprintf(stderr, "quenby: failed to read records (error=%d)\n", portableErrnoNonZero());
                 return -1;
             }
             *endOfFile = 1;

@@ -41,28 +41,28 @@ int errnoToPortable(int e)
     return mapped != 0 ? mapped : e + 1000;
 }
 
-int cxiErrno()
+int portableErrno()
 {
     int e = errno;
     return e == 0 ? 0 : errnoToPortable(e);
 }
 
-int cxiErrnoChecked()
+int portableErrnoNonZero()
 {
-    int code = cxiErrno();
+    int code = portableErrno();
     return code == 0 ? -1 : code;
 }
 
-int cxiFopen(const char* path, const char* mode, FILE** streamOut, Inherit_t /*inherit*/)
+int openFile(const char* path, const char* mode, FILE** streamOut)
 {
     *streamOut = nullptr;
     if (path == nullptr)
         return 22;
     FILE* stream = sysFopen(path, mode);
     if (stream == nullptr)
-        return cxiErrnoChecked();
+        return portableErrnoNonZero();
     if (sysFcntl(fileno(stream), F_SETFD, FD_CLOEXEC) == -1) {
-        int result = cxiErrnoChecked();
+        int result = portableErrnoNonZero();
         int saved = errno;
         std::fclose(stream);
         errno = saved;

@@ -4,21 +4,17 @@
 
 #include <cstdio>
 
-// What happens to a new descriptor in child processes.
-enum Inherit_t : int {
-    inheritNone = 0, // close-on-exec
-};
-
 // Maps a Linux errno value to the portable error code.
 int errnoToPortable(int e);
 // The current errno in the portable numbering; 0 when errno is 0.
-int cxiErrno();
-// As cxiErrno, but never 0: -1 when errno is 0 or maps to 0.
-int cxiErrnoChecked();
+int portableErrno();
+// As portableErrno, but never 0: -1 when errno is 0 or maps to 0.
+int portableErrnoNonZero();
 
 // Prints "<prefix>: <system error text>" for errno to standard error.
 void systemError(const char* prefix);
 
-// Opens `path` with stdio `mode`. Returns 0 and the stream in *streamOut, or
+// Opens `path` with stdio `mode`, closed on exec so that no child inherits
+// it. Returns 0 and the stream in *streamOut, or
 // a portable error code with *streamOut null.
-int cxiFopen(const char* path, const char* mode, FILE** streamOut, Inherit_t inherit);
+int openFile(const char* path, const char* mode, FILE** streamOut);

@@ -134,7 +134,7 @@ constexpr size_t SEQUENTIAL_BUFFER_SIZE = 1 << 20;
 inline int openSequential(StdioFile& file, const char* path, const char* mode, const char* failFormat)
 {
     FILE* stream = nullptr;
-    int err = cxiFopen(path, mode, &stream, inheritNone);
+    int err = openFile(path, mode, &stream);
     if (stream == nullptr) {
         std::fprintf(stderr, failFormat, path != nullptr ? path : "(null)", err);
         return -1;

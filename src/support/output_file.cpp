@@ -150,7 +150,7 @@ int OutputFile::openReplace(const char* path, int newMode)
     bool dangling = !exists && lstat(path, &st) == 0;
     if ((exists && !S_ISREG(st.st_mode)) || dangling) {
         FILE* stream = nullptr;
-        if (int err = cxiFopen(path, "w", &stream, inheritNone))
+        if (int err = openFile(path, "w", &stream))
             return err;
         file_ = StdioFile(stream);
         file_.setBuffer(SEQUENTIAL_BUFFER_SIZE);
@@ -162,10 +162,10 @@ int OutputFile::openReplace(const char* path, int newMode)
         // have been written in place.
         char resolved[PATH_MAX];
         if (realpath(path, resolved) == nullptr)
-            return cxiErrnoChecked();
+            return portableErrnoNonZero();
         int probe = ::open(resolved, O_WRONLY | O_CLOEXEC);
         if (probe < 0)
-            return cxiErrnoChecked();
+            return portableErrnoNonZero();
         ::close(probe);
         finalPath_ = resolved;
         mode = static_cast<int>(st.st_mode & 07777);
@@ -175,11 +175,11 @@ int OutputFile::openReplace(const char* path, int newMode)
     std::string pattern = directoryOf(finalPath_) + "/." + baseOf(finalPath_) + ".quenby-XXXXXX";
     int fd = sysMkstemp(pattern.data());
     if (fd < 0)
-        return cxiErrnoChecked();
+        return portableErrnoNonZero();
     tempPath_ = pattern;
     FILE* stream = fchmod(fd, static_cast<mode_t>(mode)) == 0 ? fdopen(fd, "w") : nullptr;
     if (stream == nullptr) {
-        int err = cxiErrnoChecked();
+        int err = portableErrnoNonZero();
         ::close(fd);
         discard();
         return err;
@@ -192,7 +192,7 @@ int OutputFile::openReplace(const char* path, int newMode)
 int OutputFile::openAppend(const char* path)
 {
     FILE* stream = nullptr;
-    if (int err = cxiFopen(path, "a", &stream, inheritNone))
+    if (int err = openFile(path, "a", &stream))
         return err;
     struct stat st;
     char resolved[PATH_MAX];
@@ -209,11 +209,11 @@ int OutputFile::openAppend(const char* path)
     std::string pattern = directoryOf(finalPath_) + "/." + baseOf(finalPath_) + ".quenby-XXXXXX";
     int fd = sysMkstemp(pattern.data());
     if (fd < 0)
-        return cxiErrnoChecked();
+        return portableErrnoNonZero();
     ::unlink(pattern.c_str());
     FILE* staging = fdopen(fd, "w+");
     if (staging == nullptr) {
-        int err = cxiErrnoChecked();
+        int err = portableErrnoNonZero();
         ::close(fd);
         return err;
     }

@@ -10,7 +10,7 @@ void VerifyContext::reportLine(const char* format, ...)
     va_list args;
     va_start(args, format);
     if (std::vfprintf(report.get(), format, args) < 0 && reportError == 0)
-        reportError = cxiErrnoChecked();
+        reportError = portableErrnoNonZero();
     va_end(args);
 }
 

@@ -364,7 +364,7 @@ int closeReport(VerifyContext& v, const char* name)
     if (err == 0 && std::ferror(v.report.get()))
         err = -1;
     if (v.report.close() != 0 && err == 0)
-        err = cxiErrnoChecked();
+        err = portableErrnoNonZero();
     if (err == 0)
         return 0;
     std::fprintf(stderr, "quenby::VERIFYSHADOW::1::write to %s failed (error=%d)\n", name, err);

@@ -23,7 +23,7 @@ TEST(ErrnoToPortable, WholeRangeMatchesTheFixedNumberingAlsoThroughErrno)
         auto it = remapped.find(e);
         int expected = e <= 34 ? e : it != remapped.end() ? it->second : e + 1000;
         errno = e;
-        EXPECT_EQ(std::make_tuple(errnoToPortable(e), cxiErrno(), cxiErrnoChecked()),
+        EXPECT_EQ(std::make_tuple(errnoToPortable(e), portableErrno(), portableErrnoNonZero()),
                   std::make_tuple(expected, expected, expected == 0 ? -1 : expected)) << "errno " << e;
         EXPECT_EQ(errno, e) << "left unchanged";
     }
@@ -47,7 +47,7 @@ TEST(CxiFopen, CloseOnExecAndFailures)
         if (r.fault != SysCall::count_)
             sysFailOn(r.fault, 1, r.err);
         FILE* stream = reinterpret_cast<FILE*>(0x1); // must be cleared on a failure
-        EXPECT_EQ(cxiFopen((r.tooLong ? tooLong : path).c_str(), "r", &stream, inheritNone), r.code);
+        EXPECT_EQ(openFile((r.tooLong ? tooLong : path).c_str(), "r", &stream), r.code);
         EXPECT_EQ(stream != nullptr, r.code == 0) << r.code;
         if (stream != nullptr) {
             EXPECT_NE(fcntl(fileno(stream), F_GETFD) & FD_CLOEXEC, 0);
