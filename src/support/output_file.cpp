@@ -148,14 +148,8 @@ int OutputFile::openReplace(const char* path, int newMode)
     struct stat st;
     bool exists = stat(path, &st) == 0;
     bool dangling = !exists && lstat(path, &st) == 0;
-    if ((exists && !S_ISREG(st.st_mode)) || dangling) {
-        FILE* stream = nullptr;
-        if (int err = openFile(path, "w", &stream))
-            return err;
-        file_ = StdioFile(stream);
-        file_.setBuffer(SEQUENTIAL_BUFFER_SIZE);
-        return 0;
-    }
+    if ((exists && !S_ISREG(st.st_mode)) || dangling)
+        return openDirect(path, "w");
     int mode = newMode >= 0 ? newMode : 0666 & ~currentUmask();
     if (exists) {
         // The file is replaced where a link points, and only when it could
@@ -174,6 +168,10 @@ int OutputFile::openReplace(const char* path, int newMode)
     }
     std::string pattern = directoryOf(finalPath_) + "/." + baseOf(finalPath_) + ".quenby-XXXXXX";
     int fd = sysMkstemp(pattern.data());
+    // A file that can be written where no file can be made beside it is
+    // written in place, as it always was.
+    if (fd < 0 && exists && (errno == EACCES || errno == EPERM))
+        return openDirect(path, "w");
     if (fd < 0)
         return portableErrnoNonZero();
     tempPath_ = pattern;
@@ -196,30 +194,45 @@ int OutputFile::openAppend(const char* path)
         return err;
     struct stat st;
     char resolved[PATH_MAX];
-    if (fstat(fileno(stream), &st) != 0 || !S_ISREG(st.st_mode) || realpath(path, resolved) == nullptr) {
-        file_ = StdioFile(stream);
-        file_.setBuffer(SEQUENTIAL_BUFFER_SIZE);
-        return 0;
-    }
-    std::fclose(stream);
+    if (fstat(fileno(stream), &st) != 0 || !S_ISREG(st.st_mode) || realpath(path, resolved) == nullptr)
+        return adopt(StdioFile(stream));
     // The lines wait in a file without a name, so that a killed run leaves
     // nothing behind; at the end the list is rewritten with them and
     // renamed over itself, so that it never holds half a run's lines.
-    finalPath_ = resolved;
-    std::string pattern = directoryOf(finalPath_) + "/." + baseOf(finalPath_) + ".quenby-XXXXXX";
+    std::string pattern = directoryOf(resolved) + "/." + baseOf(resolved) + ".quenby-XXXXXX";
     int fd = sysMkstemp(pattern.data());
+    if (fd < 0 && (errno == EACCES || errno == EPERM))
+        return adopt(StdioFile(stream)); // no room beside it: appended in place
+    int err = portableErrnoNonZero();
+    std::fclose(stream); // it only had to exist
     if (fd < 0)
-        return portableErrnoNonZero();
+        return err;
     ::unlink(pattern.c_str());
     FILE* staging = fdopen(fd, "w+");
     if (staging == nullptr) {
-        int err = portableErrnoNonZero();
+        err = portableErrnoNonZero();
         ::close(fd);
         return err;
     }
+    finalPath_ = resolved;
     file_ = StdioFile(staging);
     file_.setBuffer(SEQUENTIAL_BUFFER_SIZE);
     staged_ = true;
+    return 0;
+}
+
+int OutputFile::openDirect(const char* path, const char* mode)
+{
+    FILE* stream = nullptr;
+    if (int err = openFile(path, mode, &stream))
+        return err;
+    return adopt(StdioFile(stream));
+}
+
+int OutputFile::adopt(StdioFile stream)
+{
+    file_ = std::move(stream);
+    file_.setBuffer(SEQUENTIAL_BUFFER_SIZE);
     return 0;
 }
 

@@ -53,6 +53,10 @@ public:
 private:
     int openReplace(const char* path, int newMode);
     int openAppend(const char* path);
+    // Written straight to the final name, as outputs that are no regular
+    // file are.
+    int openDirect(const char* path, const char* mode);
+    int adopt(StdioFile stream);
     int appendStaged();
 
     StdioFile file_;  // what the run writes to

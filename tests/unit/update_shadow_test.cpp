@@ -71,3 +71,19 @@ TEST_F(UpdateShadowFaults, NeverWritesOverItsInputs)
 }
 
 } // namespace
+
+namespace {
+
+// A directory that takes no new file: existing outputs are written in place.
+TEST_F(UpdateShadowFaults, WritesInPlaceWhereNoTemporaryFileCanBeMade)
+{
+    for (const char* name : {"new", "changed", "expired"})
+        testutil::writeFile(dir.file(name), "yesterday\n");
+    sysFailOn(SysCall::create, 1, EACCES, true);
+    EXPECT_EQ(call(newDb.c_str(), dir.file("changed").c_str(), nullptr), 0);
+    EXPECT_EQ(out, "::UPDATESHADOW::0::1::0::0::\n");
+    EXPECT_EQ(testutil::readFile(newDb).rfind("%%mshadow0%%", 0), 0u);
+    EXPECT_EQ(testutil::readFile(dir.file("expired")), "yesterday\n");
+}
+
+} // namespace
