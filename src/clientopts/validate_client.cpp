@@ -124,18 +124,29 @@ int parseQBSOptions(FILE* in, QBSUserOption* opt, FILE* copy)
 
 namespace {
 
+// Opens the master's or the node's option file; false after the messages.
+bool openOptionFile(StdioFile& file, const char* path, const char* mode, const char* which)
+{
+    FILE* stream = nullptr;
+    openFile(path, mode, &stream);
+    if (stream == nullptr) {
+        char prefix[64];
+        std::snprintf(prefix, sizeof prefix, "quenby: fopen %s QBS configuration file ", which);
+        systemError(prefix);
+        std::fprintf(stderr, "quenby: validateQBSClient: could not open %s\n", path);
+        return false;
+    }
+    file = StdioFile(stream);
+    return true;
+}
+
 // Runs the option command, copies its option lines to the node file and
 // reads the node's flags from them; 0, or 102 after the message.
 int queryNodeOptions(const char* command, const char* nodeOptionFile, QBSUserOption* node)
 {
-    FILE* stream = nullptr;
-    openFile(nodeOptionFile, "w", &stream);
-    if (stream == nullptr) {
-        systemError("quenby: fopen node QBS configuration file ");
-        std::fprintf(stderr, "quenby: validateQBSClient: could not open %s\n", nodeOptionFile);
+    StdioFile nodeFile;
+    if (!openOptionFile(nodeFile, nodeOptionFile, "w", "node"))
         return 102;
-    }
-    StdioFile nodeFile(stream);
 
     std::fflush(stdout);
     std::fflush(stderr);
@@ -175,14 +186,9 @@ int validateQBSClient(const char* masterOptionFile, const char* nodeOptionFile, 
 
     if (refuseSharedOutputs(stderr, "quenby: validateQBSClient: ", {masterOptionFile}, {nodeOptionFile}) != 0)
         return 102;
-    FILE* stream = nullptr;
-    openFile(masterOptionFile, "r", &stream);
-    if (stream == nullptr) {
-        systemError("quenby: fopen master QBS configuration file ");
-        std::fprintf(stderr, "quenby: validateQBSClient: could not open %s\n", masterOptionFile);
+    StdioFile masterFile;
+    if (!openOptionFile(masterFile, masterOptionFile, "r", "master"))
         return 102;
-    }
-    StdioFile masterFile(stream);
     parseQBSOptions(masterFile.get(), &master, nullptr);
 
     if (int rc = queryNodeOptions(command, nodeOptionFile, &node))

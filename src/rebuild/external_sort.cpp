@@ -61,11 +61,8 @@ bool isSymlink(const char* path)
 int createNoFollow(const char* path, bool exclusive, FILE** streamOut)
 {
     *streamOut = nullptr;
-    // In the fopen slot of the fault seam, as the opens it stands for.
-    if (sysShouldFail(SysCall::fopen))
-        return portableErrnoNonZero();
     int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | (exclusive ? O_EXCL : O_TRUNC);
-    int fd = ::open(path, flags, 0666);
+    int fd = sysOpen(path, flags, 0666);
     if (fd < 0)
         return portableErrnoNonZero();
     FILE* stream = fdopen(fd, "w");

@@ -110,6 +110,14 @@ try {
     return -1;
 }
 
+bool sameFile(const char* a, const char* b)
+{
+    if (a == nullptr || b == nullptr)
+        return false;
+    Identity ia = identify(a);
+    return ia.resolved.empty() && ia == identify(b);
+}
+
 int fileMode(const char* path)
 {
     struct stat st;

@@ -19,6 +19,9 @@
 int refuseSharedOutputs(FILE* messages, const char* prefix, std::initializer_list<const char*> inputs,
                         std::initializer_list<const char*> outputs);
 
+// Whether two names are one regular file (device and inode).
+bool sameFile(const char* a, const char* b);
+
 // One output file. A regular file (or a name that does not exist yet) is
 // written to a temporary file in its directory (replace) or to an unnamed
 // staging file (append) and put in place by commit(); anything else is

@@ -59,6 +59,13 @@ FILE* sysFopen(const char* path, const char* mode)
     return std::fopen(path, mode);
 }
 
+int sysOpen(const char* path, int flags, mode_t mode)
+{
+    if (sysShouldFail(SysCall::fopen))
+        return -1;
+    return ::open(path, flags, mode);
+}
+
 int sysFcntl(int fd, int cmd, int arg)
 {
     if (sysShouldFail(SysCall::fcntl))

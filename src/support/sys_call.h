@@ -56,6 +56,8 @@ inline bool sysShouldFail(SysCall call)
 }
 
 FILE* sysFopen(const char* path, const char* mode);
+// open(2) in the `fopen` slot: the opens it stands for.
+int sysOpen(const char* path, int flags, mode_t mode);
 int sysFcntl(int fd, int cmd, int arg);
 int sysFclose(FILE* stream);
 size_t sysFwrite(const void* data, size_t size, FILE* stream);

@@ -191,14 +191,7 @@ struct Run {
     }
     // Each failing close lowers the result by one; the lists are put in
     // place only when the run succeeded.
-    int close(int result)
-    {
-        for (StdioFile* in : {&oldList, &newList})
-            result -= in->close() != 0;
-        for (OutputFile* out : {&changed, &expired})
-            result -= (result == 0 ? out->commit() : out->discard()) != 0;
-        return result;
-    }
+    int close(int result) { return closeRunFiles(result, {&oldList, &newList}, {&changed, &expired}); }
 };
 
 int Run::execute(int maxExpirePercent)

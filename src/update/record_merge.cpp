@@ -120,6 +120,15 @@ bool RecordMerge::sameRecord() const
            && std::strcmp(o.hsmState, n.hsmState) == 0;
 }
 
+int closeRunFiles(int result, std::initializer_list<StdioFile*> inputs, std::initializer_list<OutputFile*> outputs)
+{
+    for (StdioFile* in : inputs)
+        result -= in->close() != 0;
+    for (OutputFile* out : outputs)
+        result -= (result == 0 ? out->commit() : out->discard()) != 0;
+    return result;
+}
+
 bool prepareMergeSides(const char* word, MergeSide& oldSide, const char* oldName, MergeSide& newSide,
                        const char* newName)
 {

@@ -92,6 +92,11 @@ protected:
     MergeCounts& counts_;
 };
 
+// Closes the run's inputs, then puts each output in place when the run has
+// succeeded so far, or drops it; each failing close lowers the result by
+// one. The run's result.
+int closeRunFiles(int result, std::initializer_list<StdioFile*> inputs, std::initializer_list<OutputFile*> outputs);
+
 // Names the two sides for the order check's messages and gives them their
 // buffers; false after the "failed to allocate memory" message.
 bool prepareMergeSides(const char* word, MergeSide& oldSide, const char* oldName, MergeSide& newSide,

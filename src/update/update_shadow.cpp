@@ -100,23 +100,9 @@ struct Files {
     // database and the changed list first, then the appended lists.
     int closeAll(int result)
     {
-        for (StdioFile* in : {&oldShadow, &list})
-            result -= in->close() != 0;
-        for (OutputFile* out : {&newShadow, &changed, &expired, &unsupported, &hsmMig})
-            result -= (result == 0 ? out->commit() : out->discard()) != 0;
-        return result;
+        return closeRunFiles(result, {&oldShadow, &list}, {&newShadow, &changed, &expired, &unsupported, &hsmMig});
     }
 };
-
-// Whether an output names the same regular file as an input: writing it
-// would destroy the input.
-bool sameRegularFile(const char* a, const char* b)
-{
-    struct stat sa, sb;
-    if (a == nullptr || b == nullptr || stat(a, &sa) != 0 || stat(b, &sb) != 0)
-        return false;
-    return S_ISREG(sa.st_mode) && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
-}
 
 class ShadowMerge : public RecordMerge {
 public:
@@ -617,7 +603,7 @@ bool removableList(const char* list, std::initializer_list<const char*> others)
     if (lstat(list, &st) != 0 || !S_ISREG(st.st_mode))
         return false;
     for (const char* other : others)
-        if (other != nullptr && (std::strcmp(other, list) == 0 || sameRegularFile(list, other)))
+        if (other != nullptr && (std::strcmp(other, list) == 0 || sameFile(list, other)))
             return false;
     return true;
 }
