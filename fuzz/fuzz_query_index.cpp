@@ -5,27 +5,26 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    if (FILE* in = fuzz::inputStream(data, size)) {
-        HeapBuf line, path;
-        if (line.allocate(8) && path.allocate(4)) {
-            queryRecord rec{};
-            unsigned int eof = 0;
-            for (int i = 0; i < 64 && !eof; ++i)
-                if (readQueryRecord(in, &line.ptr, &line.size, &path.ptr, &path.size, &rec, &eof) != 0)
-                    break;
-        }
-        std::fclose(in);
+    HeapBuf path;
+    if (!path.allocate(4))
+        return 0;
+    {
+        fuzz::PieceReader input{data, size, 5};
+        LineSource source({.blockSize = 8});
+        source.attachReader(&fuzz::PieceReader::read, &input);
+        queryRecord rec{};
+        unsigned int eof = 0;
+        for (int i = 0; i < 64 && !eof; ++i)
+            if (readQueryRecord(source, &path.ptr, &path.size, &rec, &eof) != 0)
+                break;
     }
-    if (FILE* in = fuzz::inputStream(data, size)) {
-        HeapBuf path;
-        if (path.allocate(4)) {
-            long long offset = 0;
-            unsigned int eof = 0;
-            for (int i = 0; i < 64 && !eof; ++i)
-                if (readIndexFile(in, &path.ptr, &path.size, &offset, &eof) != 0)
-                    break;
-        }
-        std::fclose(in);
-    }
+    fuzz::PieceReader input{data, size, 5};
+    LineSource source({.blockSize = 8});
+    source.attachReader(&fuzz::PieceReader::read, &input);
+    long long offset = 0;
+    unsigned int eof = 0;
+    for (int i = 0; i < 64 && !eof; ++i)
+        if (readIndexFile(source, &path.ptr, &path.size, &offset, &eof) != 0)
+            break;
     return 0;
 }

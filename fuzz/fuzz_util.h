@@ -25,6 +25,25 @@ inline std::string inputText(const uint8_t* data, size_t size)
     return std::string(reinterpret_cast<const char*>(data), size).c_str();
 }
 
+// The input read in pieces of at most `piece` bytes, as a pipe gives them.
+struct PieceReader {
+    const uint8_t* data;
+    size_t size;
+    size_t piece;
+    size_t pos = 0;
+    static ssize_t read(void* self, char* out, size_t room)
+    {
+        auto* r = static_cast<PieceReader*>(self);
+        size_t n = r->size - r->pos;
+        n = n < room ? n : room;
+        n = n < r->piece ? n : r->piece;
+        for (size_t i = 0; i < n; ++i)
+            out[i] = static_cast<char>(r->data[r->pos + i]);
+        r->pos += n;
+        return static_cast<ssize_t>(n);
+    }
+};
+
 // A directory of this process, made once.
 inline const std::string& scratchDir()
 {

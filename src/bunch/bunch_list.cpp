@@ -5,10 +5,11 @@
 #include "records/scanf_cursor.h"
 #include "support/debug_level.h"
 #include "support/file_open.h"
-#include "support/line_read.h"
+#include "support/line_source.h"
 #include "support/file_stream.h"
 #include "support/sys_call.h"
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -16,7 +17,6 @@
 
 namespace {
 
-constexpr int kBunchLineSize = 8192;
 constexpr size_t kListBufferSize = 1 << 16;
 inline constexpr char kSeparator[] = " -- ";
 
@@ -27,26 +27,6 @@ struct ListFile {
     const char* openMessage;
     StdioFile file;
 };
-
-// Reads one whole line into a growable buffer: 1, or 0 at the end of the
-// input (a last line without its line feed counts as the end), or -1 when
-// the buffer cannot grow.
-int readWholeLine(FILE* in, HeapBuf& buf, size_t& len)
-{
-    len = 0;
-    for (;;) {
-        size_t got = 0;
-        if (!readLineText(buf.ptr + len, buf.size - static_cast<int>(len), in, &got))
-            return 0;
-        len += got;
-        if (len > 0 && buf.ptr[len - 1] == '\n')
-            return 1;
-        if (len + 1 < static_cast<size_t>(buf.size))
-            return 1; // a NUL inside the line: take what precedes it
-        if (buf.size > INT_MAX / 2 || !buf.grow(buf.size * 2))
-            return -1;
-    }
-}
 
 // Parses "%llu %llu %llu %15s %llx" (or, for an old-format line, the three
 // numbers); true when every value was read.
@@ -251,21 +231,20 @@ int BunchSplitter::close()
 }
 
 // Every line of the bunch through the splitter: 0, or the failure code.
-int splitLines(FILE* in, BunchSplitter& splitter)
+int splitLines(LineSource& in, BunchSplitter& splitter)
 {
-    HeapBuf line;
-    if (!line.allocate(kBunchLineSize))
-        return -1;
-    size_t len = 0;
+    LineView line;
     for (;;) {
-        int got = readWholeLine(in, line, len);
-        if (got < 0) {
+        int got = in.next(line);
+        if (got < 0 && errno == ENOMEM) {
             std::fputs("quenby: parseBackupRecords() out of memory for a bunch line\n", stderr);
             return -1;
         }
-        if (got == 0)
+        // A read error ends the bunch as its end does: the client runs over
+        // what was split.
+        if (got <= 0)
             return 0;
-        if (int rc = splitter.line(line.ptr))
+        if (int rc = splitter.line(line.text))
             return rc;
     }
 }
@@ -280,14 +259,11 @@ int parseBackupRecords(const char* inList, const char* outChange, const char* ou
         std::fprintf(stderr, "quenby:parseBackupRecords(%s %s %s %s %s ...)\n", orNull(inList), orNull(outChange),
                      orNull(outExpire), orNull(outStateChange), orNull(removePath));
 
-    FILE* inStream = nullptr;
-    openFile(inList, "r", &inStream);
-    if (inStream == nullptr) {
+    LineSource in({.blockSize = kListBufferSize});
+    if (in.open(inList) != 0) {
         std::fprintf(stderr, "quenby: input file %s could not be opened\n", orNull(inList));
         return -1;
     }
-    StdioFile in(inStream);
-    in.setBuffer(kListBufferSize);
 
     if (removePath != nullptr && std::strcmp(removePath, "NONE") == 0)
         removePath = nullptr;
@@ -299,7 +275,7 @@ int parseBackupRecords(const char* inList, const char* outChange, const char* ou
     }
     BunchSplitter splitter(outChange, outExpire, outStateChange, removePath, oldFormat, index, quoted);
     if (result == 0)
-        result = splitLines(in.get(), splitter);
+        result = splitLines(in, splitter);
     *firstOffset = splitter.first;
     *lastOffset = splitter.last;
     if (result == 0)

@@ -4,7 +4,7 @@
 #include "bunch/record_update.h"
 #include "support/debug_level.h"
 #include "support/file_stream.h"
-#include "support/line_read.h"
+#include "support/line_source.h"
 #include "support/sys_call.h"
 
 #include <cerrno>
@@ -20,7 +20,6 @@
 
 namespace {
 
-constexpr int kClientLineSize = 8192;
 // A client line longer than this is cut; the rest of it is read over, so
 // that its tail is never taken for a line of its own.
 constexpr int kClientLineMax = 1 << 20;
@@ -35,30 +34,13 @@ bool startsWith(const char* text, const char* prefix)
 }
 
 
-// Reads the next whole line of the client's output, line feed included, as
-// it arrives; false when the output has ended. A line longer than
-// kClientLineMax keeps its head and loses the rest, so that its tail is
-// never taken for a line of its own.
-bool readClientLine(FILE* in, HeapBuf& buf)
+// The client's output as the monitor reads it: whole lines as they arrive.
+// A line longer than kClientLineMax keeps its head and loses the rest, so
+// that its tail is never taken for a line of its own; a last line without
+// its line feed still counts.
+LineSource::Options clientOutputOptions()
 {
-    size_t len = 0;
-    for (;;) {
-        long got = fgetsLength(buf.ptr + len, buf.size - static_cast<int>(len), in);
-        if (got < 0)
-            break;
-        len += static_cast<size_t>(got);
-        if (buf.ptr[len - 1] == '\n' || len + 1 < static_cast<size_t>(buf.size))
-            break;
-        if (buf.size >= kClientLineMax || !buf.grow(buf.size * 2)) {
-            int c;
-            while ((c = getc_unlocked(in)) != EOF && c != '\n') {
-            }
-            buf.ptr[len - 1] = '\n';
-            break;
-        }
-    }
-    buf.ptr[len] = '\0';
-    return len > 0;
+    return {.blockSize = 64 * 1024, .keepUnterminatedLine = true, .maxLine = kClientLineMax};
 }
 
 struct FileReport {
@@ -165,7 +147,8 @@ public:
 
     // false when the client could not be started.
     bool start(const char* command);
-    FILE* get() const { return stream_; }
+    // Reads the output through `output`: its end comes at the deadline too.
+    void attachOutput(LineSource& output) { output.attachReader(&TimedClient::readOutput, this); }
     bool timedOut() const { return timedOut_; }
     // Closes the output and waits for the shell, ending its whole group at
     // the deadline; the shell's wait status, or -1 when waiting failed.
@@ -175,14 +158,12 @@ private:
     using Clock = std::chrono::steady_clock;
 
     static ssize_t readOutput(void* self, char* buf, size_t size);
-    static int closeOutput(void* self);
     int msLeft() const;
     void endGroup(pid_t pid);
 
     Clock::time_point deadline_;
     pid_t pid_ = -1;
     int fd_ = -1;
-    FILE* stream_ = nullptr;
     bool timedOut_ = false;
 };
 
@@ -204,12 +185,6 @@ bool TimedClient::start(const char* command)
     if (sysPipe(fds) != 0)
         return false;
     fd_ = fds[0];
-    stream_ = sysFopencookie(this, "r", {&TimedClient::readOutput, nullptr, nullptr, &TimedClient::closeOutput});
-    if (stream_ == nullptr) {
-        ::close(std::exchange(fd_, -1));
-        ::close(fds[1]);
-        return false;
-    }
     pid_t pid = sysFork();
     if (pid == 0)
         runShell(command, fds[1]);
@@ -249,12 +224,6 @@ ssize_t TimedClient::readOutput(void* self, char* buf, size_t size)
     }
 }
 
-int TimedClient::closeOutput(void* self)
-{
-    auto* client = static_cast<TimedClient*>(self);
-    return ::close(std::exchange(client->fd_, -1));
-}
-
 void TimedClient::endGroup(pid_t pid)
 {
     if (sysKill(-pid, SIGKILL) != 0)
@@ -263,8 +232,8 @@ void TimedClient::endGroup(pid_t pid)
 
 int TimedClient::close()
 {
-    if (stream_ != nullptr)
-        sysFclose(std::exchange(stream_, nullptr));
+    if (fd_ >= 0)
+        ::close(std::exchange(fd_, -1));
     if (pid_ < 0)
         return 0;
     const pid_t pid = std::exchange(pid_, -1);
@@ -302,7 +271,9 @@ bool runClient(const char* command, const char* label, int timeoutSeconds, Monit
         TimedClient client(timeoutSeconds);
         if (!client.start(command))
             return false;
-        monitor(client.get());
+        LineSource output(clientOutputOptions());
+        client.attachOutput(output);
+        monitor(output);
         status = client.close();
         if (client.timedOut()) {
             std::printf("quenby: execAndMonitor() %s command timed out after %d seconds\n", label, timeoutSeconds);
@@ -317,7 +288,9 @@ bool runClient(const char* command, const char* label, int timeoutSeconds, Monit
     if (pipe == nullptr)
         return false;
     PipeStream client(pipe);
-    monitor(client.get());
+    LineSource output(clientOutputOptions());
+    output.attach(fileno(pipe));
+    monitor(output);
     status = client.close();
     return true;
 }
@@ -334,37 +307,39 @@ int clientTimeoutSetting(const char* text)
     return *end == '\0' && errno == 0 && seconds > 0 && seconds <= INT_MAX ? static_cast<int>(seconds) : 0;
 }
 
-void monitorClientOutput(FILE* output, PathIndex& index, RecordUpdater& updater, FILE* shadow, const char* label,
-                         int successState, offset_t firstOffset, offset_t lastOffset, HeapBuf& buf,
+void monitorClientOutput(LineSource& output, PathIndex& index, RecordUpdater& updater, FILE* shadow,
+                         const char* label, int successState, offset_t firstOffset, offset_t lastOffset,
                          MonitorCounts& counts)
 {
     Monitor monitor(index, updater, shadow, label, successState, firstOffset, lastOffset);
-    RecordReadWindow window(updater, shadow);
-    while (readClientLine(output, buf)) {
+    RecordReadWindow window(updater);
+    LineView line;
+    // A failed read ends the output as its end does.
+    while (output.next(line) > 0) {
         if (quenby_debug > 3)
-            std::fprintf(stderr, "quenby:QBS:%s", buf.ptr);
-        if (!startsWith(buf.ptr, kSummaryStart)) {
-            monitor.line(buf.ptr);
+            std::fprintf(stderr, "quenby:QBS:%s", line.text);
+        if (!startsWith(line.text, kSummaryStart)) {
+            monitor.line(line.text);
             continue;
         }
         // A summary block goes to the driver as it stands; its last line
         // may still report a file.
-        std::fputs(buf.ptr, stdout);
+        std::fputs(line.text, stdout);
         bool ended = false;
         for (int left = kSummaryLines - 1; left > 0; --left) {
-            if (!readClientLine(output, buf)) {
+            if (output.next(line) <= 0) {
                 ended = true;
                 break;
             }
             if (quenby_debug > 3)
-                std::fprintf(stderr, "quenby:QBS:%s", buf.ptr);
-            std::fputs(buf.ptr, stdout);
-            if (startsWith(buf.ptr, kSummaryEncrypted))
+                std::fprintf(stderr, "quenby:QBS:%s", line.text);
+            std::fputs(line.text, stdout);
+            if (startsWith(line.text, kSummaryEncrypted))
                 ++left;
         }
         if (ended)
             break;
-        monitor.arrowReport(buf.ptr);
+        monitor.arrowReport(line.text);
     }
     counts.updated = monitor.updated;
     counts.failed = monitor.failed;
@@ -386,18 +361,13 @@ int execAndMonitor(const char* command, PathIndex& index, RecordUpdater& updater
         std::fputs("quenby:execAndMonitor() null exec cmd\n", stdout);
         return resultLine(0, 0, -1);
     }
-    HeapBuf buf;
-    if (!buf.allocate(kClientLineSize)) {
-        std::fputs("quenby:execAndMonitor() error allocating buffer1\n", stdout);
-        return resultLine(0, 0, -1);
-    }
     // What was printed before must not be repeated by a child's copy.
     std::fflush(stdout);
     std::fflush(stderr);
     const long long writtenBefore = updater.linesWritten();
     MonitorCounts counts;
-    auto monitor = [&](FILE* output) {
-        monitorClientOutput(output, index, updater, shadow, label, successState, firstOffset, lastOffset, buf, counts);
+    auto monitor = [&](LineSource& output) {
+        monitorClientOutput(output, index, updater, shadow, label, successState, firstOffset, lastOffset, counts);
     };
     int status = 0;
     if (!runClient(command, label, timeoutSeconds, monitor, status)) {

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "records/policy_record.h"
-#include "support/file_stream.h"
+#include "support/line_source.h"
 
 #include <cstdio>
 
@@ -28,7 +28,7 @@ struct MonitorCounts {
 };
 
 // Reads the client's output from `output` to its end, line by line, and
-// acts on every recognised line; `buf` is the caller's line buffer.
-void monitorClientOutput(FILE* output, PathIndex& index, RecordUpdater& updater, FILE* shadow, const char* label,
-                         int successState, offset_t firstOffset, offset_t lastOffset, HeapBuf& buf,
+// acts on every recognised line.
+void monitorClientOutput(LineSource& output, PathIndex& index, RecordUpdater& updater, FILE* shadow,
+                         const char* label, int successState, offset_t firstOffset, offset_t lastOffset,
                          MonitorCounts& counts);

@@ -213,12 +213,6 @@ int runBunch(const char* inList, const char* outChange, const char* outExpire, c
     // An old-format bunch registers no path.
     PathIndex index(oldFormatExpiry ? 0 : static_cast<uint32_t>(bunchSize < 100 ? 100 : bunchSize));
     RecordUpdater updater(oldFormatExpiry);
-    if (!updater.allocate()) {
-        std::fputs("quenby:execBunch(): memory allocation failure\n", stdout);
-        return -1;
-    }
-    // After the buffers: a run that short of memory must fail there, not in
-    // the check, whose failed allocation could not even be reported.
     // execbunch's messages go to standard output, where the driver reads them.
     if (refuseSharedOutputs(stdout, "quenby:execBunch(): ", {inList}, {shadowDB, outChange, outExpire, outStateChange})
         != 0)

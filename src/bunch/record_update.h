@@ -3,6 +3,8 @@
 #pragma once
 
 #include "records/policy_record.h"
+#include "records/record_reader.h"
+#include "support/line_source.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -14,12 +16,9 @@ public:
     // `oldFormatExpiry`: the bunch expires old-format lines and no record
     // of the shadow database is touched.
     explicit RecordUpdater(bool oldFormatExpiry = false) : oldFormatExpiry_(oldFormatExpiry) {}
-    ~RecordUpdater();
     RecordUpdater(const RecordUpdater&) = delete;
     RecordUpdater& operator=(const RecordUpdater&) = delete;
 
-    // Allocates the record buffers (8192, 4096, 255 bytes); false on failure.
-    bool allocate();
     bool oldFormatExpiry() const { return oldFormatExpiry_; }
 
     // Records what the client reported for the file whose record starts at
@@ -34,41 +33,30 @@ public:
 
 private:
     friend class RecordReadWindow;
-    struct Record;
-    struct Window {
-        int fd = -1;
-        char* bytes = nullptr;
-        offset_t start = 0;
-        size_t len = 0;
-    };
 
-    int lineFromWindow(int fd, offset_t offset, Record& rec);
-    void writeIntoWindow(int fd, const Record& rec);
     int readRecordAt(int fd, offset_t offset, Record& rec, bool& eof);
     bool writeLineAt(int fd, const Record& rec);
     int readSecondOfPair(int fd, int newState, Record& rec);
     int rewrite(int fd, int newState, Record& rec);
 
     bool oldFormatExpiry_;
-    char* line_ = nullptr;
-    char* path_ = nullptr;
-    char* show_ = nullptr;
-    int lineSize_ = 0;
-    int pathSize_ = 0;
-    int showSize_ = 0;
-    Window window_;
+    // A few pages read at a time: a dense bunch finds dozens of records in
+    // one read, and a sparse one pays little more than for its own lines.
+    // A record is edited in this window and written from it.
+    LineSource shadowAt_{{.access = LineSource::Access::positioned, .blockSize = 8 * 1024}};
+    RecordReader reader_{shadowAt_, {.classify = false}};
+    bool windowed_ = false;
     long long linesWritten_ = 0;
 };
 
-// While one lives, the updater reads the records of `shadow` through a
-// window of the file that one positioned read fills: a client reports its
-// files in the order of the database, so the next record is mostly in the
-// window already. Writes still go to the file at once, and into the
-// window. Only this process may change the records it reads meanwhile, as
-// the bunch's byte-range lock ensures.
+// While one lives, the updater may keep the records it read in its window:
+// a client reports its files in the order of the database, so the next
+// record is mostly there already. Writes still go to the file at once.
+// Only this process may change the records it reads meanwhile, as the
+// bunch's byte-range lock ensures; outside, nothing read before is trusted.
 class RecordReadWindow {
 public:
-    RecordReadWindow(RecordUpdater& updater, FILE* shadow);
+    explicit RecordReadWindow(RecordUpdater& updater);
     ~RecordReadWindow();
     RecordReadWindow(const RecordReadWindow&) = delete;
     RecordReadWindow& operator=(const RecordReadWindow&) = delete;

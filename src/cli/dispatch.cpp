@@ -75,7 +75,6 @@ int runClusterMigDiff(const Args& args, const SubCommandTable& commands)
 {
     if (args.count() != 4)
         return usage(usageClusterMigDiff);
-    clusterMigrationReader = true;
     return commands.clusterMigDiff(args.a(1), args.a(2), args.a(3), args.a(4));
 }
 

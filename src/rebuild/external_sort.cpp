@@ -1,5 +1,7 @@
 #include "rebuild/external_sort.h"
 
+#include "records/record_reader.h"
+
 #include "records/policy_record.h"
 #include "support/file_open.h"
 #include "support/file_stream.h"
@@ -114,36 +116,34 @@ namespace {
 
 // One index line per record of `list`: its offset, 16 hexadecimal digits,
 // and its path. The first record also gives the expire data.
-int writePathIndex(FILE* list, FILE* index, const char* indexName, PolicyRecord& rec, char** expireData)
+int writePathIndex(LineSource& list, FILE* index, const char* indexName, char** expireData)
 {
+    RecordReader reader(list, {.classify = false});
+    Record rec;
     bool first = true;
     for (;;) {
-        off_t offset = sysFtello(list);
-        if (offset < 0) {
-            std::fprintf(stderr, "quenby: sortPDRListByPathname: ftell fail err=%d\n", portableErrnoNonZero());
-            return -1;
-        }
-        int rc = readPolicyRecord(list, &rec.line.ptr, &rec.line.size, &rec.ino, &rec.gen, &rec.path.ptr,
-                                  &rec.path.size, &rec.show.ptr, &rec.show.size, nullptr, nullptr, &rec.endOfFile,
-                                  nullptr, nullptr);
+        // Where the reader starts: the header lines before a record, if
+        // any, are passed over again when the record is fetched.
+        const int64_t offset = list.position();
+        int rc = reader.next(rec);
         if (rc != 0)
             return rc;
-        if (rec.endOfFile)
+        if (reader.atEnd())
             break;
         char head[17];
         auto value = static_cast<unsigned long long>(offset);
         for (int i = 15; i >= 0; --i, value >>= 4)
             head[i] = "0123456789abcdef"[value & 0xf];
         head[16] = ' ';
-        size_t pathLen = std::strlen(rec.path.ptr);
-        if (sysFwrite(head, 17, index) != 17 || sysFwrite(rec.path.ptr, pathLen, index) != pathLen
+        const size_t pathLen = rec.path.size();
+        if (sysFwrite(head, 17, index) != 17 || sysFwrite(rec.path.data(), pathLen, index) != pathLen
             || sysFwrite("\n", 1, index) != 1) {
             std::fprintf(stderr, "quenby rebuildshadow: write to %s fail err=%d\n", indexName, portableErrnoNonZero());
             return -1;
         }
         if (first) {
             first = false;
-            char* data = constructExpireData(rec.line.ptr);
+            char* data = constructExpireData(rec.line);
             if (data == nullptr)
                 return -6;
             *expireData = data;
@@ -168,24 +168,13 @@ int sortPDRListByPathname(const char* listFile, const char* sortedFile, char** e
         std::fprintf(stderr, "quenby: sortPDRListByPathname: %s is a symbolic link; not written\n", sortedFile);
         return -1;
     }
-    PolicyRecord rec;
-    if (!rec.allocate()) {
-        std::fputs("PROGRAM: sortPDRListByPathname: failed to allocate memory\n", stderr);
-        return -1;
-    }
-
-    FILE* stream = nullptr;
-    openFile(listFile, "r", &stream);
-    if (stream == nullptr) {
+    LineSource list;
+    if (list.open(listFile) != 0) {
         systemError("quenby: fopen scan result file");
         std::fprintf(stderr, "quenby: sortPDRListByPathname: could not open %s\n", listFile);
         return -1;
     }
-    StdioFile list(stream);
-    list.setBuffer(kStreamBufferSize);
-    // A stream positioned once knows its offset from then on, so that
-    // asking it for the offset of every record costs no system call.
-    sysFseeko(stream, 0, SEEK_SET);
+    FILE* stream = nullptr;
     createNoFollow(indexName, false, &stream);
     if (stream == nullptr) {
         systemError("quenby: fopen tmp shadow file");
@@ -195,7 +184,7 @@ int sortPDRListByPathname(const char* listFile, const char* sortedFile, char** e
     StdioFile index(stream);
     index.setBuffer(kStreamBufferSize);
 
-    if (int rc = writePathIndex(list.get(), index.get(), indexName, rec, expireData))
+    if (int rc = writePathIndex(list, index.get(), indexName, expireData))
         return rc;
     if (index.close() != 0)
         systemError("quenby: fclose tmp shadow file");

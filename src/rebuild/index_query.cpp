@@ -4,9 +4,9 @@
 #include "records/scanf_cursor.h"
 #include "support/debug_level.h"
 #include "support/file_stream.h"
-#include "support/line_read.h"
 #include "support/sys_call.h"
 
+#include <cerrno>
 #include <algorithm>
 #include <cstring>
 
@@ -29,17 +29,20 @@ bool queryWord(ScanfCursor& in, char* out)
 
 } // namespace
 
-int readIndexFile(FILE* stream, char** pathBuf, int* pathBufSize, long long* offset, unsigned int* eof)
+int readIndexFile(LineSource& source, char** pathBuf, int* pathBufSize, long long* offset, unsigned int* eof)
 {
-    char line[kIndexLineSize];
     for (;;) {
-        size_t len = 0;
-        if (!readLineText(line, sizeof line, stream, &len)) {
+        LineView view;
+        int got = source.next(view);
+        if (got <= 0) {
             *eof = 1;
-            return 0;
+            return got;
         }
-        if (len == sizeof line - 1 && line[len - 1] != '\n') {
-            std::fprintf(stderr, "quenby: readIndexFile: sorted Index line is too long. [%s]\n", line);
+        char* line = view.text;
+        size_t len = view.length;
+        if (view.span > kIndexLineSize - 1) {
+            std::fprintf(stderr, "quenby: readIndexFile: sorted Index line is too long. [%.*s]\n",
+                         static_cast<int>(std::min<size_t>(len, kIndexLineSize - 1)), line);
             return -1;
         }
         ScanfCursor in(line);
@@ -79,25 +82,19 @@ int readIndexFile(FILE* stream, char** pathBuf, int* pathBufSize, long long* off
     }
 }
 
-int readQueryRecord(FILE* stream, char** lineBuf, int* lineBufSize, char** pathBuf, int* pathBufSize,
-                    queryRecord* rec, unsigned int* eof)
+int readQueryRecord(LineSource& source, char** pathBuf, int* pathBufSize, queryRecord* rec, unsigned int* eof,
+                    const char** lineOut)
 {
     *eof = 0;
-    char* line;
-    for (;;) {
-        line = *lineBuf;
-        size_t len = 0;
-        if (!readLineText(line, *lineBufSize, stream, &len)) {
-            *eof = 1;
-            return 0;
-        }
-        if (len + 1 < static_cast<size_t>(*lineBufSize) || line[len - 1] == '\n')
-            break;
-        if (!resizeBuffer(lineBuf, lineBufSize, 2LL * *lineBufSize))
-            return 12;
-        if (sysFseeko(stream, -static_cast<off_t>(len), SEEK_CUR) != 0)
-            return -1;
+    LineView view;
+    int got = source.next(view);
+    if (got <= 0) {
+        *eof = 1;
+        return got < 0 ? (errno == ENOMEM ? 12 : -1) : 0;
     }
+    const char* line = view.text;
+    if (lineOut != nullptr)
+        *lineOut = line;
     if (quenby_debug > 4)
         std::fprintf(stderr, "quenby:readQueryRecord: lineP=%s", line);
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "support/file_stream.h"
+#include "support/line_source.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -19,14 +20,15 @@ struct queryRecord {
 };
 
 // The next index line that is not "." or ".kestrel...": its offset and path.
-// 0 (with *eof 1 at the end), -1 a bad line, 12 no memory.
-int readIndexFile(FILE* stream, char** pathBuf, int* pathBufSize, long long* offset, unsigned int* eof);
+// 0 (with *eof 1 at the end), -1 a bad line or a read error, 12 no memory.
+int readIndexFile(LineSource& source, char** pathBuf, int* pathBufSize, long long* offset, unsigned int* eof);
 
-// The next query line: its fields into *rec, its path into *pathBuf.
-// 0 (with *eof 1 at the end), -1 a bad line or no repositioning, 12 no
+// The next query line: its fields into *rec, its path into *pathBuf, the
+// line itself (valid until the next read) into *lineOut when given.
+// 0 (with *eof 1 at the end), -1 a bad line or a read error, 12 no
 // memory, 22 a path longer than 4096 bytes.
-int readQueryRecord(FILE* stream, char** lineBuf, int* lineBufSize, char** pathBuf, int* pathBufSize,
-                    queryRecord* rec, unsigned int* eof);
+int readQueryRecord(LineSource& source, char** pathBuf, int* pathBufSize, queryRecord* rec, unsigned int* eof,
+                    const char** lineOut = nullptr);
 
 // The query file's order, checked as it is read: a walk that merges it by
 // path would otherwise go wrong without a word on a line out of order.

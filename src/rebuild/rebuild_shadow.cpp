@@ -3,7 +3,7 @@
 #include "rebuild/external_sort.h"
 #include "rebuild/index_query.h"
 #include "records/policy_record.h"
-#include "records/record_at.h"
+#include "records/record_reader.h"
 #include "records/record_edit.h"
 #include "support/debug_level.h"
 #include "support/file_open.h"
@@ -19,8 +19,7 @@
 namespace {
 
 constexpr int kNameSize = 4112;
-constexpr size_t kStreamBufferSize = 1 << 20;
-constexpr int kQueryLineSize = 8192;
+constexpr int kPathBufferSize = 4096;
 constexpr int kShowCopyMax = 255;
 constexpr int kMergedShowMax = 509;
 constexpr size_t kTimeMax = 29;
@@ -116,9 +115,10 @@ int parsePolicyShow(const char* line, ScanShow& show)
 }
 
 struct Files {
-    StdioFile query;
-    StdioFile index;
-    StdioFile scan;
+    LineSource query;
+    LineSource index;
+    // The scan records the index points at, read where they stand.
+    LineSource scan{{.access = LineSource::Access::positioned, .blockSize = 8 * 1024}};
     OutputFile out; // put in place only when the whole run succeeded
 };
 
@@ -131,28 +131,27 @@ public:
 
     bool allocate()
     {
-        return queryLine_.allocate(kQueryLineSize) && scanLine_.allocate(PDR_LINE_BUF_SIZE)
-               && queryPath_.allocate(PDR_PATH_BUF_SIZE) && indexPath_.allocate(PDR_PATH_BUF_SIZE)
-               && show_.allocate(PDR_SHOW_BUF_SIZE);
+        return queryPath_.allocate(kPathBufferSize) && indexPath_.allocate(kPathBufferSize);
     }
 
     int walk();
 
 private:
-    int readQuery() { return readQueryRecord(f_.query.get(), &queryLine_.ptr, &queryLine_.size, &queryPath_.ptr,
-                                             &queryPath_.size, &query_, &queryEof_); }
+    int readQuery() { return readQueryRecord(f_.query, &queryPath_.ptr, &queryPath_.size, &query_, &queryEof_); }
     int nextQuery(bool inTail);
-    int readIndex() { return readIndexFile(f_.index.get(), &indexPath_.ptr, &indexPath_.size, &indexOffset_, &indexEof_); }
+    int readIndex() { return readIndexFile(f_.index, &indexPath_.ptr, &indexPath_.size, &indexOffset_, &indexEof_); }
     int writeServerOnly();
     int writeMergedRecord();
-    int fetchScanRecord(size_t* len, int* flag);
+    int fetchScanRecord();
     bool put(const std::string& text) { return sysFwrite(text.data(), text.size(), f_.out.get()) == text.size(); }
 
     Files& f_;
     const char* queryName_;
     const char* expireData_;
     QueryOrder order_;
-    HeapBuf queryLine_, scanLine_, queryPath_, indexPath_, show_;
+    RecordReader scanReader_{f_.scan, {.classify = false}};
+    Record scanRecord_;
+    HeapBuf queryPath_, indexPath_;
     queryRecord query_{};
     unsigned int queryEof_ = 0;
     unsigned int indexEof_ = 0;
@@ -252,35 +251,34 @@ int Rebuild::writeServerOnly()
     return put(line_) ? 0 : -1;
 }
 
-// The scan record the index points at, read and parsed into scanLine_ and
-// scanShow_; 0, or the failure's result after its message.
-int Rebuild::fetchScanRecord(size_t* len, int* flag)
+// The scan record the index points at, read and parsed into scanRecord_
+// and scanShow_; 0, or the failure's result after its message.
+int Rebuild::fetchScanRecord()
 {
-    offset_t start = 0;
-    int got = readRecordLineAt(fileno(f_.scan.get()), indexOffset_, &scanLine_.ptr, &scanLine_.size, len, &start);
-    if (got < 0) {
+    bool eof = false;
+    int got = scanReader_.recordAt(indexOffset_, scanRecord_, eof);
+    if (got == RecordReader::kReadFailed) {
         std::fprintf(stderr, "quenby: writeMergedRecord: fseek for scan file fail at offset=%lld, err=%d\n",
                      indexOffset_, portableErrnoNonZero());
         return -1;
     }
-    if (got == 0) {
+    if (eof) {
         std::fprintf(stderr, "quenby: writeMergedRecord: no record at offset=%lld of the scan list\n", indexOffset_);
         return -1;
     }
-    uint64_t ino = 0, gen = 0;
-    if (int rc = parsePolicyRecordLine(scanLine_.ptr, *len, scanLine_.size, &ino, &gen, &indexPath_.ptr,
-                                       &indexPath_.size, &show_.ptr, &show_.size, nullptr, nullptr, flag, nullptr))
-        return rc;
-    return parsePolicyShow(scanLine_.ptr, scanShow_) != 0 ? -1 : 0;
+    if (got != 0)
+        return got;
+    return parsePolicyShow(scanRecord_.line, scanShow_) != 0 ? -1 : 0;
 }
 
 int Rebuild::writeMergedRecord()
 {
-    size_t len = 0;
-    int flag = 0;
-    if (int rc = fetchScanRecord(&len, &flag))
+    if (int rc = fetchScanRecord())
         return rc;
-    char* line = scanLine_.ptr;
+    // The line is the reader's to change: this offset is not read again.
+    char* line = scanRecord_.line;
+    const size_t len = scanRecord_.length;
+    const int flag = scanRecord_.state;
     ScanShow& scan = scanShow_;
 
     char mtime[32], ctime[32];
@@ -331,18 +329,13 @@ int Rebuild::writeMergedRecord()
     return 0;
 }
 
-int openInput(StdioFile& file, const char* path, const char* prefix, size_t buffer)
+int openInput(LineSource& file, const char* path, const char* prefix)
 {
-    FILE* stream = nullptr;
-    openFile(path, "r", &stream);
-    if (stream == nullptr) {
+    if (file.open(path) != 0) {
         systemError(prefix);
         std::fprintf(stderr, "quenby: rebuildShadow: could not open %s\n", path);
         return -1;
     }
-    file = StdioFile(stream);
-    if (buffer != 0)
-        file.setBuffer(buffer);
     return 0;
 }
 
@@ -356,10 +349,10 @@ int openAndWalk(Files& files, const char* qbsFile, const char* sortedName, const
         std::fputs("quenby: rebuildShadow: failed to allocate memory\n", stderr);
         return -1;
     }
-    if (openInput(files.query, qbsFile, "quenby: fopen qbs query", kStreamBufferSize) != 0)
+    if (openInput(files.query, qbsFile, "quenby: fopen qbs query") != 0)
         return -2;
-    if (openInput(files.index, sortedName, "quenby: fopen fs scan", kStreamBufferSize) != 0
-        || openInput(files.scan, fsListFile, "quenby: fopen fs scan", 0) != 0)
+    if (openInput(files.index, sortedName, "quenby: fopen fs scan") != 0
+        || openInput(files.scan, fsListFile, "quenby: fopen fs scan") != 0)
         return -3;
     if (files.out.open(outShadow, OutputFile::Mode::replace) != 0) {
         systemError("quenby: fopen out shadow");

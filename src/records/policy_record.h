@@ -1,8 +1,8 @@
 // The record line shared by shadow databases and policy scan lists, the
-// shadow database's header constants, the record flags, and the reader.
+// shadow database's header constants, the record flags, and the scanners
+// of a record's head.
 #pragma once
 
-#include "support/file_stream.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -33,36 +33,13 @@ inline constexpr char SHADOW_COMMENT_LINES[] =
 inline constexpr char UnsupQBSCharList[] = "\x18\x19";
 inline constexpr char UnsupEscCharList[] = "\\n";
 
-// Initial sizes of the reader's buffers.
-constexpr int PDR_LINE_BUF_SIZE = 8192;
-constexpr int PDR_PATH_BUF_SIZE = 4096;
-constexpr int PDR_SHOW_BUF_SIZE = 255;
+// The line buffer the record readers of old started with: a message tells
+// a path that would end beyond it from one longer than the line.
+constexpr size_t PDR_LINE_BUF_SIZE = 8192;
 
-// Results of readPolicyRecord besides 0 and -1.
+// Results of the record reader besides 0 and -1.
 constexpr int PDR_UNSUPPORTED = 2;
 constexpr int PDR_INTERNAL = 3;
-
-// Set for the cluster-migration comparison: the reader then leaves out its
-// unsupported-path test, since both lists are only compared.
-extern bool clusterMigrationReader;
-
-// Reads the next record; see the header comment of the definition.
-int readPolicyRecord(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t* ino, uint64_t* gen,
-                     char** pathBuf, int* pathBufSize, char** showBuf, int* showBufSize,
-                     char** filesetName, char** hsmState, unsigned int* endOfFile, int* state,
-                     int* escapedPath);
-
-// The same, also giving the length of the line as read (line feed included).
-int readPolicyRecordLen(FILE* stream, char** lineBuf, int* lineBufSize, uint64_t* ino, uint64_t* gen,
-                        char** pathBuf, int* pathBufSize, char** showBuf, int* showBufSize,
-                        char** filesetName, char** hsmState, unsigned int* endOfFile, int* state,
-                        int* escapedPath, size_t* lineLength, size_t* linesRead = nullptr);
-
-// Steps after the line is read: parses `line` (`len` bytes, NUL-terminated,
-// in a buffer of `lineBufSize`) into the outputs, as readPolicyRecord does.
-int parsePolicyRecordLine(char* line, size_t len, int lineBufSize, uint64_t* ino, uint64_t* gen, char** pathBuf,
-                          int* pathBufSize, char** showBuf, int* showBufSize, char** filesetName, char** hsmState,
-                          int* state, int* escapedPath);
 
 // True for a header line of a shadow database.
 bool isShadowHeaderLine(const char* line);
@@ -85,34 +62,3 @@ enum class InternalPaths {
     toolOnly,  // names beginning ".kestrel": the server's query file
 };
 bool isInternalPath(const char* path, InternalPaths rule = InternalPaths::all);
-
-// One side of a merge: the reader's buffers and outputs for the current record.
-struct PolicyRecord {
-    HeapBuf line;
-    HeapBuf path;
-    HeapBuf show;
-    size_t lineLength = 0;
-    uint64_t ino = 0;
-    uint64_t gen = 0;
-    char* filesetName = nullptr;
-    char* hsmState = nullptr;
-    unsigned int endOfFile = 0;
-    int state = 0;
-    int escapedPath = 0;
-    size_t linesRead = 0; // header lines included: the line number of the record
-
-    bool allocate()
-    {
-        return line.allocate(PDR_LINE_BUF_SIZE) && path.allocate(PDR_PATH_BUF_SIZE)
-               && show.allocate(PDR_SHOW_BUF_SIZE);
-    }
-
-    // Reads with every output requested, so unsupported and internal paths
-    // are classified.
-    int read(FILE* stream)
-    {
-        return readPolicyRecordLen(stream, &line.ptr, &line.size, &ino, &gen, &path.ptr, &path.size,
-                                   &show.ptr, &show.size, &filesetName, &hsmState, &endOfFile,
-                                   &state, &escapedPath, &lineLength, &linesRead);
-    }
-};

@@ -8,20 +8,25 @@
 
 namespace {
 
-const char* orNull(const char* text)
-{
-    return text != nullptr ? text : "(null)";
-}
+// printf's "%.*s" arguments for a view; "(null)" for a null one.
+struct Printable {
+    int length;
+    const char* text;
+    explicit Printable(std::string_view view)
+        : length(view.data() != nullptr ? static_cast<int>(view.size()) : 6),
+          text(view.data() != nullptr ? view.data() : "(null)")
+    {
+    }
+};
 
 // Builds and writes one work-list line; `tag` names the writer in its message.
-int writeWorkLine(const char* line, const char* path, FILE* out, const char* keyword, offset_t offset,
-                  char tag)
+int writeWorkLine(const Record& rec, FILE* out, const char* keyword, offset_t offset, char tag)
 {
     char built[WORK_LINE_BUF_SIZE];
     built[0] = '\0';
     int rc = -1;
     if (keyword != nullptr) {
-        rc = updatePDRForBackupExpire(built, line, keyword, offset, sizeof built);
+        rc = updatePDRForBackupExpire(built, rec.line, keyword, offset, sizeof built);
         if (rc == 1) {
             size_t len = std::strlen(built);
             if (out != nullptr && sysFwrite(built, len, out) == len)
@@ -29,13 +34,26 @@ int writeWorkLine(const char* line, const char* path, FILE* out, const char* key
             rc = -1;
         }
     }
+    const Printable path(rec.path);
     if (tag == 'b')
-        std::fprintf(stderr, "quenby: failed to update PDR(b): [%s] [%s] [%s] 0x%llx %d\n", line,
-                     orNull(path), built, static_cast<unsigned long long>(offset), rc);
+        std::fprintf(stderr, "quenby: failed to update PDR(b): [%s] [%.*s] [%s] 0x%llx %d\n", rec.line, path.length,
+                     path.text, built, static_cast<unsigned long long>(offset), rc);
     else
-        std::fprintf(stderr, "quenby: failed to update PDR(e): %s %s %s %llx\n", line, orNull(path),
+        std::fprintf(stderr, "quenby: failed to update PDR(e): %s %.*s %s %llx\n", rec.line, path.length, path.text,
                      built, static_cast<unsigned long long>(offset));
     return -1;
+}
+
+// strncmp(a + from, b + from, n) == 0 for texts that hold no NUL, a
+// position past a text's end reading as its end.
+std::string_view from(std::string_view text, size_t pos, size_t n = std::string_view::npos)
+{
+    return text.substr(pos < text.size() ? pos : text.size(), n);
+}
+
+bool sameFrom(std::string_view a, std::string_view b, size_t pos, size_t n = std::string_view::npos)
+{
+    return from(a, pos, n) == from(b, pos, n);
 }
 
 } // namespace
@@ -99,46 +117,43 @@ int updatePDRForBackupExpire(char* out, const char* line, const char* keyword, o
     return 1;
 }
 
-int updatePDRForBackup(const char* line, const char* path, FILE* out, int state, offset_t offset)
+int updatePDRForBackup(const Record& rec, FILE* out, int state, offset_t offset)
 {
     const char* keyword = nullptr;
     if (state == PDR_METACH)
         keyword = KEYWORD_CTIMECH;
     else if (state == PDR_BACKUP)
         keyword = KEYWORD_UPDATED;
-    return writeWorkLine(line, path, out, keyword, offset, 'b');
+    return writeWorkLine(rec, out, keyword, offset, 'b');
 }
 
-int updatePDRForExpire(const char* line, const char* path, FILE* out, offset_t offset)
+int updatePDRForExpire(const Record& rec, FILE* out, offset_t offset)
 {
-    return writeWorkLine(line, path, out, KEYWORD_EXPIRED, offset, 'e');
+    return writeWorkLine(rec, out, KEYWORD_EXPIRED, offset, 'e');
 }
 
-int diffShowData(const char* oldShow, const char* newShow, const char* oldFileset,
-                 const char* newFileset, const char* oldHsm, const char* newHsm)
+int diffShowData(std::string_view oldShow, std::string_view newShow, std::string_view oldFileset,
+                 std::string_view newFileset, std::string_view oldHsm, std::string_view newHsm)
 {
-    // Positions past a short text read as its end, never beyond it.
-    size_t oldLen = std::strlen(oldShow);
-    size_t newLen = std::strlen(newShow);
-    auto oldAt = [&](size_t pos) { return oldShow + (pos < oldLen ? pos : oldLen); };
-    auto newAt = [&](size_t pos) { return newShow + (pos < newLen ? pos : newLen); };
-
     // Times from the server's query carry no fractions: compare those to the second.
-    bool wholeSeconds = std::strncmp(oldAt(20), "000000", 6) == 0 && std::strncmp(oldAt(47), "000000", 6) == 0;
+    bool wholeSeconds = from(oldShow, 20, 6) == "000000" && from(oldShow, 47, 6) == "000000";
     size_t precision = wholeSeconds ? 20 : 26;
 
-    if (quenby_debug > 3)
-        std::fprintf(stderr, "quenby:diffShow:\n  [%s]-[%s %s]\n  [%s]-[%s %s]\n", oldShow, orNull(oldFileset),
-                     orNull(oldHsm), newShow, orNull(newFileset), orNull(newHsm));
+    if (quenby_debug > 3) {
+        const Printable of(oldFileset), oh(oldHsm), nf(newFileset), nh(newHsm);
+        std::fprintf(stderr, "quenby:diffShow:\n  [%.*s]-[%.*s %.*s]\n  [%.*s]-[%.*s %.*s]\n",
+                     static_cast<int>(oldShow.size()), oldShow.data(), of.length, of.text, oh.length, oh.text,
+                     static_cast<int>(newShow.size()), newShow.data(), nf.length, nf.text, nh.length, nh.text);
+    }
 
-    if (std::strcmp(oldAt(54), newAt(54)) != 0)
+    if (!sameFrom(oldShow, newShow, 54))
         return SHOW_CONTENT_CHANGED;
-    if (std::strncmp(oldShow, newShow, precision) != 0)
+    if (!sameFrom(oldShow, newShow, 0, precision))
         return SHOW_CONTENT_CHANGED;
-    int result = std::strncmp(oldAt(27), newAt(27), precision) != 0 ? SHOW_CTIME_CHANGED : 0;
-    if (oldHsm == nullptr || newHsm == nullptr || std::strcmp(oldHsm, newHsm) == 0)
+    int result = !sameFrom(oldShow, newShow, 27, precision) ? SHOW_CTIME_CHANGED : 0;
+    if (oldHsm.data() == nullptr || newHsm.data() == nullptr || oldHsm == newHsm)
         return result;
-    if (std::strcmp(oldHsm, "resdnt") == 0 || std::strcmp(newHsm, "resdnt") == 0)
+    if (oldHsm == "resdnt" || newHsm == "resdnt")
         return result | SHOW_HSM_CHANGED;
     return result;
 }

@@ -3,9 +3,11 @@
 #pragma once
 
 #include "records/policy_record.h"
+#include "records/record_reader.h"
 
 #include <cstddef>
 #include <cstdio>
+#include <string_view>
 
 // Work-list keywords, eight characters each.
 inline constexpr char KEYWORD_UPDATED[] = "updated ";
@@ -37,13 +39,14 @@ int updatePDRForBackupExpire(char* out, const char* line, const char* keyword, o
 
 // Writes the "updated " (state 0xb) or "ctimech " (state 0xa) work-list line
 // of `line` to `out`. 0 written; -1 failed, with a message.
-int updatePDRForBackup(const char* line, const char* path, FILE* out, int state, offset_t offset);
+int updatePDRForBackup(const Record& rec, FILE* out, int state, offset_t offset);
 
 // Writes the "expired " work-list line of `line` to `out`. 0 or -1.
-int updatePDRForExpire(const char* line, const char* path, FILE* out, offset_t offset);
+int updatePDRForExpire(const Record& rec, FILE* out, offset_t offset);
 
-// Compares two SHOW attributes (fields 1 to 5 as the reader leaves them).
+// Compares two SHOW attributes (fields 1 to 5 as the reader gives them);
+// a null HSM view is a record without one.
 // 0 no difference that matters; 1 size or mtime; 2 ctime only; 4 HSM state
 // from or to "resdnt" (with 2: 6).
-int diffShowData(const char* oldShow, const char* newShow, const char* oldFileset,
-                 const char* newFileset, const char* oldHsm, const char* newHsm);
+int diffShowData(std::string_view oldShow, std::string_view newShow, std::string_view oldFileset,
+                 std::string_view newFileset, std::string_view oldHsm, std::string_view newHsm);

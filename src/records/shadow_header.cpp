@@ -2,8 +2,8 @@
 
 #include "records/policy_record.h"
 #include "support/file_stream.h"
-#include "support/sys_call.h"
 
+#include <cerrno>
 #include <cstring>
 
 namespace {
@@ -122,21 +122,15 @@ ShadowHeaderVersion peekShadowHeaderVersion(const char* line)
     return h;
 }
 
-int readShadowHeader(FILE* stream, char** lineBuf, int* lineBufSize, ShadowHeader* header)
+int readShadowHeader(LineSource& source, ShadowHeader* header)
 {
-    for (;;) {
-        char* line = *lineBuf;
-        if (fgets_unlocked(line, *lineBufSize, stream) == nullptr)
-            return -2;
-        size_t len = std::strlen(line);
-        if (len + 1 < static_cast<size_t>(*lineBufSize) || line[len - 1] == '\n')
-            break;
-        if (!resizeBuffer(lineBuf, lineBufSize, 2LL * *lineBufSize))
-            return -3;
-        if (sysFseeko(stream, -static_cast<off_t>(len), SEEK_CUR) != 0)
-            return -4;
-    }
-    return parseShadowHeader(*lineBuf, header);
+    LineView line;
+    source.keepUnterminatedLine(true);
+    int got = source.next(line);
+    source.keepUnterminatedLine(false);
+    if (got <= 0)
+        return got < 0 && errno == ENOMEM ? -3 : -2;
+    return parseShadowHeader(line.text, header);
 }
 
 int writeShadowHeader(FILE* out, const ShadowHeader& header, const char* backupDir, const char* creationDate)

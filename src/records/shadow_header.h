@@ -3,6 +3,8 @@
 // verifyshadow.
 #pragma once
 
+#include "support/line_source.h"
+
 #include <cstddef>
 #include <cstdio>
 
@@ -43,10 +45,9 @@ struct ShadowHeaderVersion {
 };
 ShadowHeaderVersion peekShadowHeaderVersion(const char* line);
 
-// Reads the first line of `stream` into the caller's growable buffer and
-// parses it. 0, -2 empty file, -3 no memory, -4 no repositioning, or a
-// parse code.
-int readShadowHeader(FILE* stream, char** lineBuf, int* lineBufSize, ShadowHeader* header);
+// Reads the first line of `source` (one without its line feed too) and
+// parses it. 0, -2 empty or unreadable file, -3 no memory, or a parse code.
+int readShadowHeader(LineSource& source, ShadowHeader* header);
 
 // Writes the five header lines: `backupDir` and `creationDate` (which ends
 // line 1) as given, the rest from `header`. 0, or a negative result.

@@ -11,7 +11,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <new>
-#include <vector>
 
 namespace {
 
@@ -21,7 +20,7 @@ struct Identity {
     bool known = false;
     dev_t dev = 0;
     ino_t ino = 0;
-    std::string resolved;
+    PathText resolved;
 
     bool operator==(const Identity& other) const
     {
@@ -29,27 +28,35 @@ struct Identity {
             return false;
         if (resolved.empty() != other.resolved.empty())
             return false;
-        return resolved.empty() ? dev == other.dev && ino == other.ino : resolved == other.resolved;
+        return resolved.empty() ? dev == other.dev && ino == other.ino
+                                : std::strcmp(resolved.c_str(), other.resolved.c_str()) == 0;
     }
 };
 
-std::string directoryOf(const std::string& path)
+// The directory part of `path` ("." when it has none) into `out`.
+bool directoryOf(const char* path, PathText& out)
 {
-    size_t slash = path.rfind('/');
-    if (slash == std::string::npos)
-        return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
+    const char* slash = std::strrchr(path, '/');
+    out.clear();
+    if (slash == nullptr)
+        return out.append(".");
+    return slash == path ? out.append("/") : out.append(path, static_cast<size_t>(slash - path));
 }
 
-std::string baseOf(const std::string& path)
+const char* baseOf(const char* path)
 {
-    size_t slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
+    const char* slash = std::strrchr(path, '/');
+    return slash == nullptr ? path : slash + 1;
 }
 
-Identity identify(const char* path)
+// "<directory>/.<name>.quenby-XXXXXX" beside `path`, for mkstemp.
+bool tempPatternBeside(const char* path, PathText& out)
 {
-    Identity id;
+    return directoryOf(path, out) && out.append("/.") && out.append(baseOf(path)) && out.append(".quenby-XXXXXX");
+}
+
+void identify(const char* path, Identity& id)
+{
     struct stat st;
     if (stat(path, &st) == 0) {
         // Devices and pipes may be named more than once (/dev/null).
@@ -58,16 +65,15 @@ Identity identify(const char* path)
             id.dev = st.st_dev;
             id.ino = st.st_ino;
         }
-        return id;
+        return;
     }
     if (errno != ENOENT)
-        return id;
+        return;
+    PathText directory;
     char dir[PATH_MAX];
-    if (realpath(directoryOf(path).c_str(), dir) == nullptr)
-        return id;
-    id.known = true;
-    id.resolved = std::string(dir) + "/" + baseOf(path);
-    return id;
+    if (!directoryOf(path, directory) || realpath(directory.c_str(), dir) == nullptr)
+        return;
+    id.known = id.resolved.assign(dir) && id.resolved.append("/") && id.resolved.append(baseOf(path));
 }
 
 int currentUmask()
@@ -81,41 +87,53 @@ int currentUmask()
 
 int refuseSharedOutputs(FILE* messages, const char* prefix, std::initializer_list<const char*> inputs,
                         std::initializer_list<const char*> outputs)
-try {
-    std::vector<std::pair<const char*, Identity>> seenInputs, seenOutputs;
+{
+    struct Seen {
+        const char* name;
+        Identity id;
+    };
+    // Every sub-command names a handful of files.
+    static constexpr size_t kMaxFiles = 8;
+    if (inputs.size() > kMaxFiles || outputs.size() > kMaxFiles) {
+        std::fprintf(messages, "%stoo many files to compare the outputs with the inputs\n", prefix);
+        return -1;
+    }
+    Seen seenInputs[kMaxFiles], seenOutputs[kMaxFiles];
+    size_t inputCount = 0, outputCount = 0;
     for (const char* input : inputs)
-        if (input != nullptr)
-            seenInputs.emplace_back(input, identify(input));
+        if (input != nullptr) {
+            seenInputs[inputCount].name = input;
+            identify(input, seenInputs[inputCount++].id);
+        }
     for (const char* output : outputs) {
         if (output == nullptr)
             continue;
-        Identity id = identify(output);
-        for (const auto& [name, other] : seenInputs) {
-            if (id == other) {
-                std::fprintf(messages, "%soutput %s is the input %s\n", prefix, output, name);
+        Seen& seen = seenOutputs[outputCount];
+        seen.name = output;
+        identify(output, seen.id);
+        for (size_t i = 0; i < inputCount; ++i)
+            if (seen.id == seenInputs[i].id) {
+                std::fprintf(messages, "%soutput %s is the input %s\n", prefix, output, seenInputs[i].name);
                 return -1;
             }
-        }
-        for (const auto& [name, other] : seenOutputs) {
-            if (id == other) {
-                std::fprintf(messages, "%soutput %s is also the output %s\n", prefix, output, name);
+        for (size_t i = 0; i < outputCount; ++i)
+            if (seen.id == seenOutputs[i].id) {
+                std::fprintf(messages, "%soutput %s is also the output %s\n", prefix, output, seenOutputs[i].name);
                 return -1;
             }
-        }
-        seenOutputs.emplace_back(output, id);
+        ++outputCount;
     }
     return 0;
-} catch (const std::bad_alloc&) {
-    std::fprintf(messages, "%sno memory to compare the outputs with the inputs\n", prefix);
-    return -1;
 }
 
 bool sameFile(const char* a, const char* b)
 {
     if (a == nullptr || b == nullptr)
         return false;
-    Identity ia = identify(a);
-    return ia.resolved.empty() && ia == identify(b);
+    Identity ia, ib;
+    identify(a, ia);
+    identify(b, ib);
+    return ia.resolved.empty() && ia == ib;
 }
 
 int fileMode(const char* path)
@@ -126,9 +144,12 @@ int fileMode(const char* path)
     return static_cast<int>(st.st_mode & 07777);
 }
 
-int syncDirectoryOf(const std::string& path)
+int syncDirectoryOf(const char* path)
 {
-    int fd = ::open(directoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    PathText directory;
+    if (!directoryOf(path, directory))
+        return -1;
+    int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0)
         return -1;
     int rc = sysFsync(fd);
@@ -143,12 +164,7 @@ int OutputFile::open(const char* path, Mode mode, int newMode)
     discard();
     if (path == nullptr)
         return 22;
-    try {
-        return mode == Mode::replace ? openReplace(path, newMode) : openAppend(path);
-    } catch (const std::bad_alloc&) {
-        discard();
-        return errnoToPortable(ENOMEM);
-    }
+    return mode == Mode::replace ? openReplace(path, newMode) : openAppend(path);
 }
 
 int OutputFile::openReplace(const char* path, int newMode)
@@ -169,20 +185,23 @@ int OutputFile::openReplace(const char* path, int newMode)
         if (probe < 0)
             return portableErrnoNonZero();
         ::close(probe);
-        finalPath_ = resolved;
+        finalPath_.assign(resolved);
         mode = static_cast<int>(st.st_mode & 07777);
-    } else {
-        finalPath_ = path;
+    } else if (!finalPath_.assign(path)) {
+        return 36; // a name longer than any path
     }
-    std::string pattern = directoryOf(finalPath_) + "/." + baseOf(finalPath_) + ".quenby-XXXXXX";
-    int fd = sysMkstemp(pattern.data());
+    if (!tempPatternBeside(finalPath_.c_str(), tempPath_))
+        return 36;
+    int fd = sysMkstemp(tempPath_.data());
     // A file that can be written where no file can be made beside it is
     // written in place, as it always was.
-    if (fd < 0 && exists && (errno == EACCES || errno == EPERM))
-        return openDirect(path, "w");
-    if (fd < 0)
-        return portableErrnoNonZero();
-    tempPath_ = pattern;
+    if (fd < 0) {
+        int err = portableErrnoNonZero();
+        tempPath_.clear();
+        if (exists && (errno == EACCES || errno == EPERM))
+            return openDirect(path, "w");
+        return err;
+    }
     FILE* stream = fchmod(fd, static_cast<mode_t>(mode)) == 0 ? fdopen(fd, "w") : nullptr;
     if (stream == nullptr) {
         int err = portableErrnoNonZero();
@@ -207,7 +226,11 @@ int OutputFile::openAppend(const char* path)
     // The lines wait in a file without a name, so that a killed run leaves
     // nothing behind; at the end the list is rewritten with them and
     // renamed over itself, so that it never holds half a run's lines.
-    std::string pattern = directoryOf(resolved) + "/." + baseOf(resolved) + ".quenby-XXXXXX";
+    PathText pattern;
+    if (!tempPatternBeside(resolved, pattern)) {
+        std::fclose(stream);
+        return 36;
+    }
     int fd = sysMkstemp(pattern.data());
     if (fd < 0 && (errno == EACCES || errno == EPERM))
         return adopt(StdioFile(stream)); // no room beside it: appended in place
@@ -222,7 +245,7 @@ int OutputFile::openAppend(const char* path)
         ::close(fd);
         return err;
     }
-    finalPath_ = resolved;
+    finalPath_.assign(resolved);
     file_ = StdioFile(staging);
     file_.setBuffer(SEQUENTIAL_BUFFER_SIZE);
     staged_ = true;
@@ -276,8 +299,7 @@ int OutputFile::appendStaged()
             ::close(list);
         return EOF;
     }
-    tempPath_ = directoryOf(finalPath_) + "/." + baseOf(finalPath_) + ".quenby-XXXXXX";
-    int out = sysMkstemp(tempPath_.data());
+    int out = tempPatternBeside(finalPath_.c_str(), tempPath_) ? sysMkstemp(tempPath_.data()) : -1;
     if (out < 0) {
         tempPath_.clear();
         ::close(list);
@@ -293,7 +315,7 @@ int OutputFile::appendStaged()
     if (::close(out) != 0 || !written || sysRename(tempPath_.c_str(), finalPath_.c_str()) != 0)
         return EOF;
     tempPath_.clear();
-    return syncDirectoryOf(finalPath_) == 0 ? 0 : EOF;
+    return syncDirectoryOf(finalPath_.c_str()) == 0 ? 0 : EOF;
 }
 
 int OutputFile::commit()
@@ -315,7 +337,7 @@ int OutputFile::commit()
         return EOF;
     }
     tempPath_.clear();
-    return syncDirectoryOf(finalPath_) == 0 ? 0 : EOF;
+    return syncDirectoryOf(finalPath_.c_str()) == 0 ? 0 : EOF;
 }
 
 int OutputFile::discard()

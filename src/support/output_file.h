@@ -4,10 +4,12 @@
 // it only at success; an appended list gains its lines only at success.
 #pragma once
 
+#include <climits>
+#include <cstring>
+
 #include "support/file_stream.h"
 
 #include <initializer_list>
-#include <string>
 #include <sys/types.h>
 
 // Refuses an output that names an input or an earlier output: the same
@@ -21,6 +23,37 @@ int refuseSharedOutputs(FILE* messages, const char* prefix, std::initializer_lis
 
 // Whether two names are one regular file (device and inode).
 bool sameFile(const char* a, const char* b);
+
+// A path in a buffer of its own: no allocation, so that a run short of
+// memory still fails cleanly where it opens its outputs.
+class PathText {
+public:
+    static constexpr size_t kCapacity = PATH_MAX + 32;
+    const char* c_str() const { return text_; }
+    char* data() { return text_; }
+    bool empty() const { return length_ == 0; }
+    void clear() { text_[length_ = 0] = '\0'; }
+    // Appends `n` bytes of `part`; false, with the text cut, when it does
+    // not fit.
+    bool append(const char* part, size_t n)
+    {
+        size_t room = kCapacity - 1 - length_;
+        size_t take = n < room ? n : room;
+        std::memcpy(text_ + length_, part, take);
+        text_[length_ += take] = '\0';
+        return take == n;
+    }
+    bool append(const char* part) { return append(part, std::strlen(part)); }
+    bool assign(const char* text)
+    {
+        clear();
+        return append(text);
+    }
+
+private:
+    char text_[kCapacity] = {};
+    size_t length_ = 0;
+};
 
 // One output file. A regular file (or a name that does not exist yet) is
 // written to a temporary file in its directory (replace) or to an unnamed
@@ -63,13 +96,13 @@ private:
     int appendStaged();
 
     StdioFile file_;  // what the run writes to
-    std::string finalPath_;
-    std::string tempPath_; // the new file, renamed over the final name at the end
+    PathText finalPath_;
+    PathText tempPath_; // the new file, renamed over the final name at the end
     bool staged_ = false;
 };
 
 // Writes the directory entry of `path` to disk (fsync of its directory).
-int syncDirectoryOf(const std::string& path);
+int syncDirectoryOf(const char* path);
 
 // The permission bits of an existing file, or -1.
 int fileMode(const char* path);

@@ -3,7 +3,6 @@
 #include "records/record_edit.h"
 #include "support/debug_level.h"
 #include "support/file_open.h"
-#include "support/file_stream.h"
 #include "update/record_merge.h"
 
 #include <cstdio>
@@ -32,16 +31,15 @@ enum FailPlace : int {
 
 class MigrationDiff : public RecordMerge {
 public:
-    MigrationDiff(FILE* oldList, FILE* newList, FILE* changed, FILE* expired, MergeSide& oldSide, MergeSide& newSide,
-                  MergeCounts& counts)
-        : RecordMerge("clusterMigDiff", "CLUSTERMIGDIFF", oldList, newList, oldSide, newSide, counts), changed_(changed),
+    MigrationDiff(FILE* changed, FILE* expired, MergeSide& oldSide, MergeSide& newSide, MergeCounts& counts)
+        : RecordMerge("clusterMigDiff", "CLUSTERMIGDIFF", true, oldSide, newSide, counts), changed_(changed),
           expired_(expired)
     {
     }
 
 private:
-    int readOld(bool readingRules) override { return readSide(old_, oldIn_, readingRules); }
-    int readNew(bool) override { return readSide(new_, newIn_, true); }
+    int readOld(bool readingRules) override { return readSide(old_, readingRules); }
+    int readNew(bool) override { return readSide(new_, true); }
     int decide(Keep& keep) override;
     int noMoreOld() override;
     int noMoreNew() override;
@@ -53,9 +51,9 @@ private:
     int reused();
     int showChanged(int diff);
 
-    int readSide(MergeSide& side, FILE* in, bool readingRules)
+    int readSide(MergeSide& side, bool readingRules)
     {
-        int rc = readRecord(side, in, readingRules, false);
+        int rc = readRecord(side, readingRules, false);
         side.flag = side.rec.state;
         return rc;
     }
@@ -80,22 +78,22 @@ private:
 // play no part.
 int MigrationDiff::decide(Keep& keep)
 {
-    const PolicyRecord& o = old_.rec;
-    const PolicyRecord& n = new_.rec;
+    const Record& o = old_.rec;
+    const Record& n = new_.rec;
     if (o.ino > n.ino)
         return newFile(keep);
     if (sameRecord())
         return 0; // nothing changed at all
     if (o.ino < n.ino)
         return gone(keep);
-    if (std::strcmp(o.path.ptr, n.path.ptr) != 0)
+    if (o.path != n.path)
         return moved();
     if (o.gen != n.gen && o.gen != MERGE_ANY_GENERATION)
         return reused();
-    const char* oldHsm = o.hsmState != nullptr ? o.hsmState : n.hsmState;
-    int diff = diffShowData(o.show.ptr, n.show.ptr, o.filesetName, n.filesetName, oldHsm, n.hsmState);
+    const std::string_view oldHsm = o.hsmState.data() != nullptr ? o.hsmState : n.hsmState;
+    int diff = diffShowData(o.show, n.show, o.fileset, n.fileset, oldHsm, n.hsmState);
     // A state on one side only differs from the other.
-    bool hsmAgrees = o.hsmState == nullptr || (n.hsmState != nullptr && std::strcmp(o.hsmState, n.hsmState) == 0);
+    bool hsmAgrees = o.hsmState.data() == nullptr || (n.hsmState.data() != nullptr && o.hsmState == n.hsmState);
     if (diff == 0 && hsmAgrees)
         return 0; // the same file, nothing that matters changed
     return showChanged(diff);
@@ -106,7 +104,7 @@ int MigrationDiff::newFile(Keep& keep)
 {
     if (quenby_debug > 4)
         std::fprintf(stderr, "quenby:clusterMigDiff:BACKUP old/new ino [%llx/%llx]\n%s",
-                     (unsigned long long)old_.rec.ino, (unsigned long long)new_.rec.ino, new_.rec.line.ptr);
+                     (unsigned long long)old_.rec.ino, (unsigned long long)new_.rec.ino, new_.rec.line);
     keep = keepOld;
     return backupNew(kNewFileEdit, "updatePDRForBackup 2");
 }
@@ -129,11 +127,11 @@ int MigrationDiff::moved()
 // The same path, another file: backed up, the old one not expired.
 int MigrationDiff::reused()
 {
-    const PolicyRecord& o = old_.rec;
-    const PolicyRecord& n = new_.rec;
+    const Record& o = old_.rec;
+    const Record& n = new_.rec;
     if (quenby_debug > 4)
         std::fprintf(stderr, "quenby:clusterMigDiff:NORMAL same ino:o/ngen [%llx:%llx/%llx]\n%s",
-                     (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen, n.line.ptr);
+                     (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen, n.line);
     return backupNew(kReusedEdit, "updatePDRForBackup 10");
 }
 
@@ -146,7 +144,7 @@ int MigrationDiff::showChanged(int diff)
 
 int MigrationDiff::noMoreOld()
 {
-    while (!new_.rec.endOfFile) {
+    while (!new_.atEnd) {
         int rc = 0;
         (rc = backupNew(kNoMoreOldEdit, "updatePDRForBackup 14")) || (rc = readNew(true));
         if (rc)
@@ -157,7 +155,7 @@ int MigrationDiff::noMoreOld()
 
 int MigrationDiff::noMoreNew()
 {
-    while (!old_.rec.endOfFile) {
+    while (!old_.atEnd) {
         int rc = 0;
         (rc = expireOld(kNoMoreNewEdit, "updatePDRForExpire 12")) || (rc = readOld(true));
         if (rc)
@@ -176,7 +174,7 @@ struct Run {
     const char* newListFile;
     const char* changedFile;
     const char* expiredFile;
-    StdioFile oldList, newList;
+    LineSource oldList, newList;
     OutputFile changed, expired;
     MergeCounts counts;
 
@@ -198,17 +196,18 @@ int Run::execute(int maxExpirePercent)
 {
     if (maxExpirePercent < -1)
         return -1;
-    MergeSide oldSide;
-    MergeSide newSide;
-    if (!prepareMergeSides("CLUSTERMIGDIFF", oldSide, oldListFile, newSide, newListFile))
-        return -1;
-    if (openSequential(oldList, oldListFile, "r", kCannotRead) != 0
-        || openSequential(newList, newListFile, "r", kCannotRead) != 0
+    // Both lists are only compared: no path is refused as unsupported.
+    const ReaderOptions compareOnly{.classify = true, .clusterMigration = true};
+    MergeSide oldSide(oldList, compareOnly);
+    MergeSide newSide(newList, compareOnly);
+    oldSide.fileName = oldListFile;
+    newSide.fileName = newListFile;
+    if (!openList(oldList, oldListFile, kCannotRead) || !openList(newList, newListFile, kCannotRead)
         || refuseSharedOutputs(stderr, "quenby::CLUSTERMIGDIFFERR::1::", {oldListFile, newListFile},
                                {changedFile, expiredFile}) != 0
         || openOutput(changed, changedFile) != 0 || openOutput(expired, expiredFile) != 0)
         return -1;
-    MigrationDiff diff(oldList.get(), newList.get(), changed.get(), expired.get(), oldSide, newSide, counts);
+    MigrationDiff diff(changed.get(), expired.get(), oldSide, newSide, counts);
     return diff.run(maxExpirePercent);
 }
 

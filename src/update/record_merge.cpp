@@ -26,20 +26,20 @@ int RecordMerge::merge()
 {
     if (int rc = readOld(true))
         return rc;
-    if (newIn_ != nullptr) {
+    if (withNewList_) {
         if (int rc = readNew(false))
             return rc;
     } else {
-        new_.rec.endOfFile = 1;
+        new_.atEnd = true;
     }
     for (;;) {
-        if (old_.rec.endOfFile)
+        if (old_.atEnd)
             return noMoreOld();
-        if (new_.rec.endOfFile)
+        if (new_.atEnd)
             return noMoreNew();
         if (quenby_debug > 4)
             std::fprintf(stderr, "quenby:%s(old %x new %x) comparing \n %s %s", name_, old_.flag, new_.flag,
-                         old_.rec.line.ptr, new_.rec.line.ptr);
+                         old_.rec.line, new_.rec.line);
         Keep keep = keepNeither;
         if (int rc = decide(keep))
             return rc;
@@ -52,18 +52,19 @@ int RecordMerge::merge()
     }
 }
 
-int RecordMerge::readRecord(MergeSide& side, FILE* in, bool readingRules, bool noMoreOldStage)
+int RecordMerge::readRecord(MergeSide& side, bool readingRules, bool noMoreOldStage)
 {
-    PolicyRecord& rec = side.rec;
+    Record& rec = side.rec;
     for (;;) {
-        int rc = rec.read(in);
-        if (rc < 0 || rec.endOfFile)
+        int rc = side.reader.next(rec);
+        side.atEnd = side.reader.atEnd();
+        if (rc < 0 || side.atEnd)
             return rc < 0 ? rc : 0;
         if (side.records++ > 0 && rec.ino < side.lastIno) {
             std::fprintf(stderr,
                          "quenby::%sERR::1::%s line %zu: inode number %llx follows %llx: the list is not sorted "
                          "by inode number\n",
-                         word_, side.fileName, rec.linesRead, static_cast<unsigned long long>(rec.ino),
+                         word_, side.fileName, static_cast<size_t>(rec.lineNumber), static_cast<unsigned long long>(rec.ino),
                          static_cast<unsigned long long>(side.lastIno));
             return -1;
         }
@@ -72,16 +73,17 @@ int RecordMerge::readRecord(MergeSide& side, FILE* in, bool readingRules, bool n
             continue;
         if (readingRules && rc == PDR_INTERNAL) {
             if (quenby_debug > 4)
-                std::fprintf(stderr, "quenby:%s skipping internal path [%s]\n", name_, rec.path.ptr);
+                std::fprintf(stderr, "quenby:%s skipping internal path [%.*s]\n", name_,
+                             static_cast<int>(rec.path.size()), rec.path.data());
             continue;
         }
         return 0;
     }
 }
 
-int RecordMerge::setState(PolicyRecord& rec, int state, int place)
+int RecordMerge::setState(Record& rec, int state, int place)
 {
-    int rc = changePDRState(rec.line.ptr, state);
+    int rc = changePDRState(rec.line, state);
     if (rc != 0) {
         std::fprintf(stderr, "quenby::%sERR::1::Corrupt PDR detected (%d) at %d\n", word_, rc, place);
         return place;
@@ -91,7 +93,7 @@ int RecordMerge::setState(PolicyRecord& rec, int state, int place)
 
 int RecordMerge::listNew(FILE* out, int state, offset_t offset, const char* label)
 {
-    int rc = updatePDRForBackup(new_.rec.line.ptr, new_.rec.path.ptr, out, state, offset);
+    int rc = updatePDRForBackup(new_.rec, out, state, offset);
     if (rc != 0) {
         std::fprintf(stderr, "quenby::%sERR::1::%s failed (%d)\n", word_, label, rc);
         return rc;
@@ -102,7 +104,7 @@ int RecordMerge::listNew(FILE* out, int state, offset_t offset, const char* labe
 
 int RecordMerge::listExpired(FILE* out, offset_t offset, const char* label)
 {
-    int rc = updatePDRForExpire(old_.rec.line.ptr, old_.rec.path.ptr, out, offset);
+    int rc = updatePDRForExpire(old_.rec, out, offset);
     if (rc != 0) {
         std::fprintf(stderr, "quenby::%sERR::1::%s failed (%d)\n", word_, label, rc);
         return rc;
@@ -113,31 +115,28 @@ int RecordMerge::listExpired(FILE* out, offset_t offset, const char* label)
 
 bool RecordMerge::sameRecord() const
 {
-    const PolicyRecord& o = old_.rec;
-    const PolicyRecord& n = new_.rec;
-    return o.lineLength == n.lineLength && std::memcmp(o.line.ptr, n.line.ptr, o.lineLength) == 0
-           && std::strcmp(o.filesetName, n.filesetName) == 0 && o.hsmState != nullptr && n.hsmState != nullptr
-           && std::strcmp(o.hsmState, n.hsmState) == 0;
+    const Record& o = old_.rec;
+    const Record& n = new_.rec;
+    return o.length == n.length && std::memcmp(o.line, n.line, o.length) == 0 && o.fileset == n.fileset
+           && o.hsmState.data() != nullptr && n.hsmState.data() != nullptr && o.hsmState == n.hsmState;
 }
 
-int closeRunFiles(int result, std::initializer_list<StdioFile*> inputs, std::initializer_list<OutputFile*> outputs)
+int closeRunFiles(int result, std::initializer_list<LineSource*> inputs, std::initializer_list<OutputFile*> outputs)
 {
-    for (StdioFile* in : inputs)
+    for (LineSource* in : inputs)
         result -= in->close() != 0;
     for (OutputFile* out : outputs)
         result -= (result == 0 ? out->commit() : out->discard()) != 0;
     return result;
 }
 
-bool prepareMergeSides(const char* word, MergeSide& oldSide, const char* oldName, MergeSide& newSide,
-                       const char* newName)
+bool openList(LineSource& list, const char* path, const char* failFormat)
 {
-    oldSide.fileName = oldName;
-    newSide.fileName = newName;
-    if (oldSide.rec.allocate() && newSide.rec.allocate())
-        return true;
-    std::fprintf(stderr, "quenby::%sERR::1::failed to allocate memory\n", word);
-    return false;
+    if (int err = list.open(path)) {
+        std::fprintf(stderr, failFormat, path != nullptr ? path : "(null)", err);
+        return false;
+    }
+    return true;
 }
 
 int maxExpirePercentSetting(const char* word, const char* value)

@@ -5,6 +5,8 @@
 #pragma once
 
 #include "records/policy_record.h"
+#include "records/record_reader.h"
+#include "support/line_source.h"
 #include "support/file_stream.h"
 #include "support/output_file.h"
 
@@ -14,9 +16,14 @@
 #include <cstdint>
 #include <cstdio>
 
-// One side of the merge with what the merge adds to the reader's outputs.
+// One side of the merge: its reader over a list the run owns, the current
+// record, and what the merge adds to it.
 struct MergeSide {
-    PolicyRecord rec;
+    MergeSide(LineSource& source, ReaderOptions options = {}) : reader(source, options) {}
+
+    RecordReader reader;
+    Record rec;
+    bool atEnd = false;     // the list is exhausted
     int flag = 0;           // the flag the decisions see
     int rememberedFlag = 0; // the flag as read
     const char* fileName = "";
@@ -52,10 +59,10 @@ protected:
 
     // `name` prefixes the debug messages ("updateShadow", "clusterMigDiff"),
     // `word` the error messages ("UPDATESHADOW", "CLUSTERMIGDIFF").
-    // A null `newIn` counts as a list exhausted from the start.
-    RecordMerge(const char* name, const char* word, FILE* oldIn, FILE* newIn, MergeSide& oldSide,
-                MergeSide& newSide, MergeCounts& counts)
-        : name_(name), word_(word), oldIn_(oldIn), newIn_(newIn), old_(oldSide), new_(newSide), counts_(counts)
+    // Without `withNewList` the new side counts as exhausted from the start.
+    RecordMerge(const char* name, const char* word, bool withNewList, MergeSide& oldSide, MergeSide& newSide,
+                MergeCounts& counts)
+        : name_(name), word_(word), withNewList_(withNewList), old_(oldSide), new_(newSide), counts_(counts)
     {
     }
 
@@ -65,16 +72,16 @@ protected:
     virtual int noMoreOld() = 0;
     virtual int noMoreNew() = 0;
     // Takes an unsupported record out of the merge; false leaves it in.
-    virtual bool setAsideUnsupported(const PolicyRecord&, bool /*noMoreOldStage*/) { return false; }
+    virtual bool setAsideUnsupported(const Record&, bool /*noMoreOldStage*/) { return false; }
 
-    // The next record of `side`'s list `in`. With the reading rules,
+    // The next record of `side`'s list. With the reading rules,
     // internal records are skipped and unsupported ones set aside. A record
     // below the one before it ends the run: merging out of order would
     // expire files that exist.
-    int readRecord(MergeSide& side, FILE* in, bool readingRules, bool noMoreOldStage);
+    int readRecord(MergeSide& side, bool readingRules, bool noMoreOldStage);
 
     // Rewrites a record's flag; a refused edit is a corrupt record.
-    int setState(PolicyRecord& rec, int state, int place);
+    int setState(Record& rec, int state, int place);
     // The new record's "updated "/"ctimech " line and the old record's
     // "expired " line; each counts what it wrote.
     int listNew(FILE* out, int state, offset_t offset, const char* label);
@@ -85,8 +92,7 @@ protected:
 
     const char* name_;
     const char* word_;
-    FILE* oldIn_;
-    FILE* newIn_;
+    bool withNewList_;
     MergeSide& old_;
     MergeSide& new_;
     MergeCounts& counts_;
@@ -95,12 +101,12 @@ protected:
 // Closes the run's inputs, then puts each output in place when the run has
 // succeeded so far, or drops it; each failing close lowers the result by
 // one. The run's result.
-int closeRunFiles(int result, std::initializer_list<StdioFile*> inputs, std::initializer_list<OutputFile*> outputs);
+int closeRunFiles(int result, std::initializer_list<LineSource*> inputs, std::initializer_list<OutputFile*> outputs);
 
-// Names the two sides for the order check's messages and gives them their
-// buffers; false after the "failed to allocate memory" message.
-bool prepareMergeSides(const char* word, MergeSide& oldSide, const char* oldName, MergeSide& newSide,
-                       const char* newName);
+// Opens a list to read; false after `failFormat`'s message (the path and
+// the error code).
+bool openList(LineSource& list, const char* path, const char* failFormat);
+
 
 // Judges QUENBY_MAX_EXPIRE_PERCENT's `value`: -1 when unset (null), 0 to
 // 100 when set so; -2 after a message when it holds anything else.

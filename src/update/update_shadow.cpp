@@ -87,9 +87,9 @@ Settings readSettings()
 }
 
 struct Files {
-    StdioFile oldShadow;
+    LineSource oldShadow;
     OutputFile newShadow;
-    StdioFile list;
+    LineSource list;
     OutputFile changed;
     OutputFile expired;
     OutputFile unsupported;
@@ -108,9 +108,8 @@ class ShadowMerge : public RecordMerge {
 public:
     ShadowMerge(const Settings& settings, Files& files, const char* newShadowName, MergeSide& oldSide,
                 MergeSide& newSide, offset_t writePos, MergeCounts& counts)
-        : RecordMerge("updateShadow", "UPDATESHADOW", files.oldShadow.get(),
-                      settings.conversion || settings.migrationExpiry ? nullptr : files.list.get(), oldSide, newSide,
-                      counts),
+        : RecordMerge("updateShadow", "UPDATESHADOW", !settings.conversion && !settings.migrationExpiry, oldSide,
+                      newSide, counts),
           s_(settings), f_(files), newShadowName_(newShadowName), writePos_(writePos)
     {
     }
@@ -118,7 +117,7 @@ public:
 private:
     int readOld(bool readingRules) override;
     int readNew(bool noMoreOldStage) override;
-    bool setAsideUnsupported(const PolicyRecord& rec, bool noMoreOldStage) override;
+    bool setAsideUnsupported(const Record& rec, bool noMoreOldStage) override;
     int decide(Keep& keep) override;
     int noMoreOld() override;
     int noMoreNew() override;
@@ -144,7 +143,7 @@ private:
     int row16ShowChanged(int diff);
     void rememberPair();
 
-    int write(const PolicyRecord& rec, int place);
+    int write(const Record& rec, int place);
     int expireOld(int editPlace, const char* label);
     int expireWriteOld(int editPlace, const char* label, int writePlace);
     int setListWriteNew(int state, int editPlace, const char* label, int writePlace);
@@ -164,15 +163,16 @@ private:
 
 // An unsupported record goes to the unsupported list and not into the new
 // shadow database; it is counted even when it could not be listed.
-bool ShadowMerge::setAsideUnsupported(const PolicyRecord& rec, bool noMoreOldStage)
+bool ShadowMerge::setAsideUnsupported(const Record& rec, bool noMoreOldStage)
 {
     FILE* list = f_.unsupported.get();
-    if (list != nullptr && sysFwrite(rec.line.ptr, rec.lineLength, list) == rec.lineLength) {
+    const int pathLength = static_cast<int>(rec.path.size());
+    if (list != nullptr && sysFwrite(rec.line, rec.length, list) == rec.length) {
         counts_.unsupportedWritten = true;
     } else if (noMoreOldStage) {
-        std::fprintf(stderr, "quenby:updateShadow failed on unsupported path [%s]\n", rec.path.ptr);
+        std::fprintf(stderr, "quenby:updateShadow failed on unsupported path [%.*s]\n", pathLength, rec.path.data());
     } else {
-        std::fprintf(stderr, "quenby:updateShadow skipping unsupported char [%s]\n", rec.path.ptr);
+        std::fprintf(stderr, "quenby:updateShadow skipping unsupported char [%.*s]\n", pathLength, rec.path.data());
     }
     ++counts_.unsupported;
     return true;
@@ -180,15 +180,15 @@ bool ShadowMerge::setAsideUnsupported(const PolicyRecord& rec, bool noMoreOldSta
 
 int ShadowMerge::readOld(bool readingRules)
 {
-    PolicyRecord& rec = old_.rec;
-    if (int rc = readRecord(old_, oldIn_, readingRules, false); rc != 0 || rec.endOfFile)
+    Record& rec = old_.rec;
+    if (int rc = readRecord(old_, readingRules, false); rc != 0 || old_.atEnd)
         return rc;
     if (s_.oldFormat) {
         old_.rememberedFlag = rec.state;
         old_.flag = PDR_NORMAL;
     } else {
-        if (rec.hsmState == nullptr)
-            rec.hsmState = const_cast<char*>(kResident);
+        if (rec.hsmState.data() == nullptr)
+            rec.hsmState = kResident;
         old_.flag = rec.state;
     }
     return 0;
@@ -196,24 +196,24 @@ int ShadowMerge::readOld(bool readingRules)
 
 int ShadowMerge::readNew(bool noMoreOldStage)
 {
-    PolicyRecord& rec = new_.rec;
-    if (int rc = readRecord(new_, newIn_, true, noMoreOldStage); rc != 0 || rec.endOfFile)
+    Record& rec = new_.rec;
+    if (int rc = readRecord(new_, true, noMoreOldStage); rc != 0 || new_.atEnd)
         return rc;
-    if (rec.hsmState == nullptr)
-        rec.hsmState = const_cast<char*>(kResident);
+    if (rec.hsmState.data() == nullptr)
+        rec.hsmState = kResident;
     new_.flag = rec.state;
-    migrated_ = std::strcmp(rec.hsmState, kMigrated) == 0;
+    migrated_ = rec.hsmState == kMigrated;
     toHsmList_ = migrated_ && f_.hsmMig;
     return 0;
 }
 
-int ShadowMerge::write(const PolicyRecord& rec, int place)
+int ShadowMerge::write(const Record& rec, int place)
 {
-    if (sysFwrite(rec.line.ptr, rec.lineLength, f_.newShadow.get()) != rec.lineLength) {
+    if (sysFwrite(rec.line, rec.length, f_.newShadow.get()) != rec.length) {
         std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::output to %s failed\n", newShadowName_);
         return place;
     }
-    writePos_ += static_cast<offset_t>(rec.lineLength);
+    writePos_ += static_cast<offset_t>(rec.length);
     return 0;
 }
 
@@ -266,8 +266,8 @@ int ShadowMerge::setListWriteNew(int state, int editPlace, const char* label, in
 // order of the merge table.
 int ShadowMerge::decide(Keep& keep)
 {
-    const PolicyRecord& o = old_.rec;
-    const PolicyRecord& n = new_.rec;
+    const Record& o = old_.rec;
+    const Record& n = new_.rec;
     const int oldFlag = old_.flag;
     const bool pending = oldFlag == PDR_METACH || oldFlag == PDR_BACKUP;
 
@@ -298,12 +298,12 @@ int ShadowMerge::decide(Keep& keep)
         return row11Unchanged();
     if (o.ino < n.ino)
         return row12Gone(keep);
-    if (std::strcmp(o.path.ptr, n.path.ptr) != 0)
+    if (o.path != n.path)
         return row13Moved();
     if (o.gen != n.gen && o.gen != MERGE_ANY_GENERATION)
         return row14Reused();
-    const char* oldHsm = o.hsmState != nullptr ? o.hsmState : n.hsmState;
-    int diff = diffShowData(o.show.ptr, n.show.ptr, o.filesetName, n.filesetName, oldHsm, n.hsmState);
+    const std::string_view oldHsm = o.hsmState.data() != nullptr ? o.hsmState : n.hsmState;
+    int diff = diffShowData(o.show, n.show, o.fileset, n.fileset, oldHsm, n.hsmState);
     if (diff == 0)
         return row15SameShow();
     return row16ShowChanged(diff);
@@ -333,11 +333,11 @@ int ShadowMerge::row2PartnerDone(Keep& keep)
 // Row 3: a file the old database does not have.
 int ShadowMerge::row3NewFile(Keep& keep)
 {
-    const PolicyRecord& o = old_.rec;
-    const PolicyRecord& n = new_.rec;
+    const Record& o = old_.rec;
+    const Record& n = new_.rec;
     if (quenby_debug > 4)
         std::fprintf(stderr, "quenby:updateShadow:BACKUP old/new ino [%llx/%llx]\n%s", (unsigned long long)o.ino,
-                     (unsigned long long)n.ino, n.line.ptr);
+                     (unsigned long long)n.ino, n.line);
     keep = keepOld;
     return setListWriteNew(PDR_BACKUP, kNewFileEdit, "updatePDRForBackup 2", kNewFileWrite);
 }
@@ -345,11 +345,11 @@ int ShadowMerge::row3NewFile(Keep& keep)
 // Row 4: a pending backup of a file that is gone.
 int ShadowMerge::row4PendingGone(Keep& keep)
 {
-    const PolicyRecord& o = old_.rec;
-    const PolicyRecord& n = new_.rec;
+    const Record& o = old_.rec;
+    const Record& n = new_.rec;
     if (quenby_debug > 4)
         std::fprintf(stderr, "quenby:updateShadow:EXPIRE change o:n [%llx:%llx]\n%s", (unsigned long long)o.ino,
-                     (unsigned long long)n.ino, n.line.ptr);
+                     (unsigned long long)n.ino, n.line);
     keep = keepNew;
     return expireWriteOld(kPendingGoneEdit, "updatePDRForExpire 2", kPendingGoneWrite);
 }
@@ -357,22 +357,22 @@ int ShadowMerge::row4PendingGone(Keep& keep)
 // Row 5: a pending backup of the same file is listed again.
 int ShadowMerge::row5PendingAgain()
 {
-    const PolicyRecord& o = old_.rec;
+    const Record& o = old_.rec;
     if (quenby_debug > 4)
         std::fprintf(stderr, "quenby:updateShadow:BACKUP same ino/gen [%llx/%llx] mig [%x]\n%s",
-                     (unsigned long long)o.ino, (unsigned long long)o.gen, migrated_, new_.rec.line.ptr);
+                     (unsigned long long)o.ino, (unsigned long long)o.gen, migrated_, new_.rec.line);
     return setListWriteNew(old_.flag, kPendingAgainEdit, "updatePDRForBackup 4", kPendingAgainWrite);
 }
 
 // Row 6: a pending backup whose inode number was reused.
 int ShadowMerge::row6PendingReused()
 {
-    const PolicyRecord& o = old_.rec;
-    const PolicyRecord& n = new_.rec;
+    const Record& o = old_.rec;
+    const Record& n = new_.rec;
     if (quenby_debug > 4)
         std::fprintf(stderr, "quenby:updateShadow:EXPIRE/BACKUP reused ino/gen [%llx:%llx/%llx] mig [%x]\n%s",
                      (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen, migrated_,
-                     n.line.ptr);
+                     n.line);
     int rc = 0;
     (rc = expireWriteOld(kPendingReusedOldEdit, "updatePDRForExpire 4", kPendingReusedOldWrite))
         || (rc = setListWriteNew(old_.flag, kPendingReusedNewEdit, "updatePDRForBackup 6", kPendingReusedNewWrite));
@@ -391,12 +391,12 @@ int ShadowMerge::row7PairGone(Keep& keep)
 // scan list's flag.
 int ShadowMerge::row8PairAgain()
 {
-    PolicyRecord& o = old_.rec;
-    PolicyRecord& n = new_.rec;
+    Record& o = old_.rec;
+    Record& n = new_.rec;
     rememberPair();
     if (quenby_debug > 4)
         std::fprintf(stderr, "quenby:updateShadow:CHANGE/BACKUP same ino/gen [%llx:%llx] mig [%x]\n%s",
-                     (unsigned long long)o.ino, (unsigned long long)o.gen, migrated_, n.line.ptr);
+                     (unsigned long long)o.ino, (unsigned long long)o.gen, migrated_, n.line);
     int rc = 0;
     (rc = listNewHere(PDR_BACKUP, "updatePDRForBackup 16")) || (rc = write(o, kPairAgainOldWrite))
         || (rc = setState(n, PDR_BACKUP, kPairAgainNewEdit)) || (rc = write(n, kPairAgainNewWrite));
@@ -406,12 +406,12 @@ int ShadowMerge::row8PairAgain()
 // Row 9: the pair's inode number was reused; the new file is not listed.
 int ShadowMerge::row9PairReused()
 {
-    const PolicyRecord& o = old_.rec;
-    PolicyRecord& n = new_.rec;
+    const Record& o = old_.rec;
+    Record& n = new_.rec;
     rememberPair();
     if (quenby_debug > 4)
         std::fprintf(stderr, "quenby:updateShadow:CHANGE/EXPIRE same ino:o/ngen [%llx:%llx/%llx]\n%s",
-                     (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen, n.line.ptr);
+                     (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen, n.line);
     int rc = 0;
     (rc = expireWriteOld(kPairReusedOldEdit, "updatePDRForExpire 16", kPairReusedOldWrite))
         || (rc = setState(n, PDR_BACKUP, kPairReusedNewEdit)) || (rc = write(n, kPairReusedNewWrite));
@@ -431,7 +431,7 @@ int ShadowMerge::row10ExpiryAgain(Keep& keep)
 // Row 11: nothing changed at all.
 int ShadowMerge::row11Unchanged()
 {
-    PolicyRecord& o = old_.rec;
+    Record& o = old_.rec;
     int rc = 0;
     (rc = setState(o, PDR_NORMAL, kUnchangedEdit)) || (rc = write(o, kUnchangedWrite));
     return rc;
@@ -448,8 +448,9 @@ int ShadowMerge::row12Gone(Keep& keep)
 int ShadowMerge::row13Moved()
 {
     if (quenby_debug > 4)
-        std::fprintf(stderr, "quenby:updateShadow:BACKUP path change [%s]\n[%s] mig [%x]\n%s", old_.rec.path.ptr,
-                     new_.rec.path.ptr, migrated_, new_.rec.line.ptr);
+        std::fprintf(stderr, "quenby:updateShadow:BACKUP path change [%.*s]\n[%.*s] mig [%x]\n%s",
+                     static_cast<int>(old_.rec.path.size()), old_.rec.path.data(),
+                     static_cast<int>(new_.rec.path.size()), new_.rec.path.data(), migrated_, new_.rec.line);
     int rc = 0;
     (rc = expireWriteOld(kMovedOldEdit, "updatePDRForExpire 10", kMovedOldWrite))
         || (rc = setListWriteNew(PDR_BACKUP, kMovedNewEdit, "updatePDRForBackup 8", kMovedNewWrite));
@@ -459,19 +460,19 @@ int ShadowMerge::row13Moved()
 // Row 14: same path, another file; the old record is dropped.
 int ShadowMerge::row14Reused()
 {
-    const PolicyRecord& o = old_.rec;
-    const PolicyRecord& n = new_.rec;
+    const Record& o = old_.rec;
+    const Record& n = new_.rec;
     if (quenby_debug > 4)
         std::fprintf(stderr, "quenby:updateShadow:NORMAL same ino:o/ngen [%llx:%llx/%llx] mig [%x]\n%s",
                      (unsigned long long)o.ino, (unsigned long long)o.gen, (unsigned long long)n.gen, migrated_,
-                     n.line.ptr);
+                     n.line);
     return setListWriteNew(PDR_BACKUP, kReusedEdit, "updatePDRForBackup 10", kReusedWrite);
 }
 
 // Row 15: unchanged.
 int ShadowMerge::row15SameShow()
 {
-    PolicyRecord& n = new_.rec;
+    Record& n = new_.rec;
     int rc = 0;
     (rc = setState(n, PDR_NORMAL, kSameShowEdit)) || (rc = write(n, kSameShowWrite));
     return rc;
@@ -481,11 +482,11 @@ int ShadowMerge::row15SameShow()
 // A change of the HSM state alone is listed in the changed list.
 int ShadowMerge::row16ShowChanged(int diff)
 {
-    PolicyRecord& o = old_.rec;
-    PolicyRecord& n = new_.rec;
+    Record& o = old_.rec;
+    Record& n = new_.rec;
     if (quenby_debug > 4)
         std::fprintf(stderr, "quenby:updateShadow:BACKUP SHOW data changed [%x] mig [%x]\n%s", diff, migrated_,
-                     n.line.ptr);
+                     n.line);
     int state = s_.incrSupported && (diff & (SHOW_CTIME_CHANGED | SHOW_HSM_CHANGED)) ? PDR_METACH : PDR_BACKUP;
     int rc = 0;
     (rc = setState(o, PDR_CHANGE, kShowChangedOldEdit))
@@ -497,10 +498,10 @@ int ShadowMerge::row16ShowChanged(int diff)
 
 int ShadowMerge::noMoreOld()
 {
-    while (!new_.rec.endOfFile) {
-        PolicyRecord& n = new_.rec;
+    while (!new_.atEnd) {
+        Record& n = new_.rec;
         if (quenby_debug > 4)
-            std::fprintf(stderr, "quenby:updateShadow:BACKUP no more old mig [%x]\n%s", migrated_, n.line.ptr);
+            std::fprintf(stderr, "quenby:updateShadow:BACKUP no more old mig [%x]\n%s", migrated_, n.line);
         int rc = 0;
         (rc = setListWriteNew(PDR_BACKUP, kNoMoreOldEdit, "updatePDRForBackup 14", kNoMoreOldWrite))
             || (rc = readNew(true));
@@ -516,8 +517,8 @@ int ShadowMerge::noMoreNew()
         return expireRemainingSnapshots();
     if (s_.oldFormat)
         return convertRemainingOld();
-    while (!old_.rec.endOfFile) {
-        PolicyRecord& o = old_.rec;
+    while (!old_.atEnd) {
+        Record& o = old_.rec;
         int rc = 0;
         // The new half of a CHANGE pair that the merge has just written again
         // is dropped here too: expiring it would expire a file that exists.
@@ -538,7 +539,7 @@ int ShadowMerge::noMoreNew()
             rc = rc ? rc : write(o, kNoMoreNewWrite);
             break;
         default:
-            std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::unexpected state %x in PDR1\n%s", old_.flag, o.line.ptr);
+            std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::unexpected state %x in PDR1\n%s", old_.flag, o.line);
             break;
         }
         if (rc || (rc = readOld(false)))
@@ -552,17 +553,17 @@ int ShadowMerge::noMoreNew()
 int ShadowMerge::convertRemainingOld()
 {
     static constexpr char kStateWord[] = " resdnt\n";
-    while (!old_.rec.endOfFile) {
-        PolicyRecord& o = old_.rec;
+    while (!old_.atEnd) {
+        Record& o = old_.rec;
         int rc = 0;
         if (old_.rememberedFlag != PDR_NORMAL)
             rc = setState(o, PDR_NORMAL, kConvertEdit);
         if (rc)
             return rc;
-        size_t len = o.lineLength;
-        if (len > 0 && o.line.ptr[len - 1] == '\n')
+        size_t len = o.length;
+        if (len > 0 && o.line[len - 1] == '\n')
             --len;
-        if (sysFwrite(o.line.ptr, len, f_.newShadow.get()) != len) {
+        if (sysFwrite(o.line, len, f_.newShadow.get()) != len) {
             std::fprintf(stderr, "quenby::UPDATESHADOWERR::1::output to %s failed\n", newShadowName_);
             return kConvertWrite;
         }
@@ -581,11 +582,11 @@ int ShadowMerge::convertRemainingOld()
 // no record is carried over.
 int ShadowMerge::expireRemainingSnapshots()
 {
-    while (!old_.rec.endOfFile) {
-        PolicyRecord& o = old_.rec;
+    while (!old_.atEnd) {
+        Record& o = old_.rec;
         int rc = 0;
         if (old_.flag != PDR_DELETE
-            && std::strncmp(o.path.ptr, kSnapshotPrefix, sizeof kSnapshotPrefix - 1) == 0)
+            && o.path.starts_with(kSnapshotPrefix))
             (rc = setState(o, PDR_EXPIRE, kSnapshotExpiryEdit)) || (rc = listExpiredHere("updatePDRForExpire 20"));
         if (rc || (rc = readOld(false)))
             return rc;
@@ -630,7 +631,7 @@ struct Run {
     MergeCounts counts;
 
     int openFiles();
-    int writeHeader(MergeSide& oldSide, time_t startTime, offset_t& writePos);
+    int writeHeader(time_t startTime, offset_t& writePos);
     int execute();
 };
 
@@ -638,7 +639,7 @@ int Run::openFiles()
 {
     bool scanFiles = listFile != nullptr && !settings.migrationExpiry;
     auto ifScan = [scanFiles](const char* name) { return scanFiles ? name : nullptr; };
-    if (openSequential(files.oldShadow, oldShadowFile, "r", kCannotRead) != 0)
+    if (!openList(files.oldShadow, oldShadowFile, kCannotRead))
         return -1;
     if (refuseSharedOutputs(stderr, "quenby::UPDATESHADOWERR::1::", {oldShadowFile, ifScan(listFile)},
                             {newShadowFile, ifScan(changedFile), expiredFile, ifScan(unsuppFile), ifScan(hsmMigFile)})
@@ -647,7 +648,7 @@ int Run::openFiles()
     // A new database keeps the access of the old one.
     if (openOutput(files.newShadow, newShadowFile, OutputFile::Mode::replace, fileMode(oldShadowFile)) != 0)
         return -1;
-    if (scanFiles && openSequential(files.list, listFile, "r", kCannotRead) != 0)
+    if (scanFiles && !openList(files.list, listFile, kCannotRead))
         return -1;
     struct Output {
         OutputFile& file;
@@ -667,11 +668,10 @@ int Run::openFiles()
     return 0;
 }
 
-int Run::writeHeader(MergeSide& oldSide, time_t startTime, offset_t& writePos)
+int Run::writeHeader(time_t startTime, offset_t& writePos)
 {
     ShadowHeader header;
-    int code = readShadowHeader(files.oldShadow.get(), &oldSide.rec.line.ptr, &oldSide.rec.line.size, &header);
-    oldSide.rec.linesRead = 1; // the header line, whatever it held
+    int code = readShadowHeader(files.oldShadow, &header);
     if (code != 0) {
         if (settings.conversion) {
             std::fprintf(stderr,
@@ -716,15 +716,15 @@ int Run::execute()
     int maxExpirePercent = maxExpirePercentSetting("UPDATESHADOW", settings.maxExpirePercentText);
     if (maxExpirePercent < -1)
         return -1;
-    MergeSide oldSide;
-    MergeSide newSide;
-    if (!prepareMergeSides("UPDATESHADOW", oldSide, oldShadowFile, newSide, listFile))
-        return -1;
+    MergeSide oldSide(files.oldShadow);
+    MergeSide newSide(files.list);
+    oldSide.fileName = oldShadowFile;
+    newSide.fileName = listFile;
     time_t startTime = std::time(nullptr);
     if (int rc = openFiles())
         return rc;
     offset_t writePos = 0;
-    if (int rc = writeHeader(oldSide, startTime, writePos))
+    if (int rc = writeHeader(startTime, writePos))
         return rc;
     ShadowMerge merge(settings, files, newShadowFile, oldSide, newSide, writePos, counts);
     return merge.run(maxExpirePercent);

@@ -16,25 +16,25 @@ void VerifyContext::reportLine(const char* format, ...)
 
 void VerifyContext::checkHsmState()
 {
-    const char* hsm = shadowRec.hsmState;
-    if (hsm != nullptr && (std::strcmp(hsm, "resdnt") == 0 || std::strcmp(hsm, "migrat") == 0
-                           || std::strcmp(hsm, "premig") == 0))
+    const std::string_view hsm = shadowRec.hsmState;
+    if (hsm == "resdnt" || hsm == "migrat" || hsm == "premig")
         return;
-    reportLine("Wrong migration state flag: %016llx %s %s\n", (unsigned long long)shadowRec.ino, shadowRec.path.ptr,
-               hsm != nullptr ? hsm : "");
+    reportLine("Wrong migration state flag: %016llx %.*s %.*s\n", (unsigned long long)shadowRec.ino,
+               VIEW_ARGS(shadowRec.path), VIEW_ARGS(hsm));
     ++counts.invalid;
 }
 
 int VerifyContext::readShadow()
 {
     for (;;) {
-        int rc = shadowRec.read(shadow.get());
+        int rc = shadowReader.next(shadowRec);
+        shadowAtEnd = shadowReader.atEnd();
         shadowExamined = false;
-        if (rc < 0 || shadowRec.endOfFile)
+        if (rc < 0 || shadowAtEnd)
             return rc < 0 ? rc : 0;
         if (rc == PDR_UNSUPPORTED || rc == PDR_INTERNAL) {
-            reportLine("INTERNAL file or UNSUPPORTED characters in shadow: %016llx %s\n",
-                       (unsigned long long)shadowRec.ino, shadowRec.path.ptr);
+            reportLine("INTERNAL file or UNSUPPORTED characters in shadow: %016llx %.*s\n",
+                       (unsigned long long)shadowRec.ino, VIEW_ARGS(shadowRec.path));
             ++counts.invalid;
             continue;
         }

@@ -3,6 +3,8 @@
 #pragma once
 
 #include "records/policy_record.h"
+#include "records/record_reader.h"
+#include "support/line_source.h"
 #include "support/file_stream.h"
 
 #include <cstdio>
@@ -23,14 +25,17 @@ struct VerifyCounts {
 };
 
 struct VerifyContext {
-    const char* shadowFile;
-    const char* sortDirectory;
-    const char* sortCommand; // KESTREL_SORT_OPTIONS
-    StdioFile shadow;
+    const char* shadowFile = nullptr;
+    const char* sortDirectory = nullptr;
+    const char* sortCommand = nullptr; // KESTREL_SORT_OPTIONS
+    LineSource shadow;
+    LineSource list; // the prep list of the list walk
     StdioFile report;
-    PolicyRecord shadowRec;
+    RecordReader shadowReader{shadow};
+    Record shadowRec;
+    bool shadowAtEnd = false;
     bool shadowExamined = false;
-    VerifyCounts counts;
+    VerifyCounts counts{};
     int reportError = 0; // the error code of the first finding not written
 
     // Writes one finding to the report file.

@@ -2,17 +2,18 @@
 
 #include "rebuild/external_sort.h"
 #include "rebuild/index_query.h"
-#include "records/record_at.h"
 #include "support/debug_level.h"
 #include "support/file_open.h"
 
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string_view>
+#include <utility>
 
 namespace {
 
-constexpr int kQueryLineSize = 8192;
+constexpr int kPathBufferSize = 4096;
 inline constexpr char kCannotRead[] = "quenby:VERIFYSHADOW::1::could not open %s for read (error=%d)\n";
 struct FreeDeleter {
     void operator()(char* p) const { std::free(p); }
@@ -20,22 +21,18 @@ struct FreeDeleter {
 
 class QueryWalk {
 public:
-    QueryWalk(VerifyContext& v, FILE* index, FILE* query, const char* queryName)
+    QueryWalk(VerifyContext& v, LineSource& index, LineSource& query, const char* queryName)
         : v_(v), index_(index), query_(query), queryName_(queryName)
     {
+        shadowAt_.attach(v.shadow.fd());
     }
-    bool allocate()
-    {
-        return queryLine_.allocate(kQueryLineSize) && queryPath_.allocate(PDR_PATH_BUF_SIZE)
-               && indexPath_.allocate(PDR_PATH_BUF_SIZE);
-    }
+    bool allocate() { return queryPath_.allocate(kPathBufferSize) && indexPath_.allocate(kPathBufferSize); }
     int run();
 
 private:
     int readQuery()
     {
-        int rc = readQueryRecord(query_, &queryLine_.ptr, &queryLine_.size, &queryPath_.ptr, &queryPath_.size, &q_,
-                                 &queryEof_);
+        int rc = readQueryRecord(query_, &queryPath_.ptr, &queryPath_.size, &q_, &queryEof_, &queryLine_);
         if (rc != 0) {
             std::fprintf(stderr, "quenby:VERIFYSHADOW::1::failed reading QBS QueryShadow record, rc=%d\n", rc);
             return rc;
@@ -56,18 +53,21 @@ private:
     bool unsupportedQueryPath() const
     {
         const char* path = queryPath_.ptr;
-        return isInternalPath(path, InternalPaths::toolOnly) || std::strchr(path, '\x18') != nullptr
-               || std::strchr(path, '\x19') != nullptr;
+        return isInternalPath(path, InternalPaths::toolOnly) || std::strpbrk(path, UnsupQBSCharList) != nullptr;
     }
     int shadowTail();
     int queryTail();
 
     VerifyContext& v_;
-    FILE* index_;
-    FILE* query_;
+    LineSource& index_;
+    LineSource& query_;
     const char* queryName_;
+    // The shadow records the index points at, read where they stand.
+    LineSource shadowAt_{{.access = LineSource::Access::positioned, .blockSize = 8 * 1024}};
+    RecordReader shadowReader_{shadowAt_};
     QueryOrder order_;
-    HeapBuf queryLine_, queryPath_, indexPath_;
+    const char* queryLine_ = "";
+    HeapBuf queryPath_, indexPath_;
     queryRecord q_{};
     unsigned int queryEof_ = 0;
     unsigned int indexEof_ = 0;
@@ -79,21 +79,15 @@ private:
 // read; otherwise 0 with the reader's result in *readerResult.
 int QueryWalk::fetch(int* readerResult)
 {
-    PolicyRecord& s = v_.shadowRec;
-    size_t len = 0;
-    offset_t start = 0;
-    int got = readRecordLineAt(fileno(v_.shadow.get()), offset_, &s.line.ptr, &s.line.size, &len, &start);
-    if (got < 0) {
+    bool eof = false;
+    int got = shadowReader_.recordAt(offset_, v_.shadowRec, eof);
+    if (got == RecordReader::kReadFailed) {
         std::fprintf(stderr, "quenby: verifyShadow: cannot seek to offset %lld of shadow file, err=%d\n", offset_, -1);
         return -1;
     }
-    s.lineLength = len;
-    s.endOfFile = 0;
+    v_.shadowAtEnd = false;
     // An index made from this file always points at a record.
-    *readerResult = got == 0 ? -1
-                             : parsePolicyRecordLine(s.line.ptr, len, s.line.size, &s.ino, &s.gen, &s.path.ptr,
-                                                     &s.path.size, &s.show.ptr, &s.show.size, &s.filesetName,
-                                                     &s.hsmState, &s.state, &s.escapedPath);
+    *readerResult = eof ? -1 : got;
     fetched_ = true;
     v_.shadowExamined = false;
     return 0;
@@ -101,7 +95,7 @@ int QueryWalk::fetch(int* readerResult)
 
 int QueryWalk::run()
 {
-    PolicyRecord& s = v_.shadowRec;
+    Record& s = v_.shadowRec;
     int rc = 0;
     if ((rc = readQuery()) || (rc = advanceShadow()))
         return rc;
@@ -119,8 +113,7 @@ int QueryWalk::run()
                 return reader;
             }
             if (reader == PDR_UNSUPPORTED || reader == PDR_INTERNAL) {
-                v_.reportLine("INTERNAL file or UNSUPPORTED characters in shadow: %016llx %s\n",
-                              (unsigned long long)s.ino, s.path.ptr);
+                v_.reportLine("INTERNAL file or UNSUPPORTED characters in shadow: %016llx %.*s\n", (unsigned long long)s.ino, VIEW_ARGS(s.path));
                 ++v_.counts.invalid;
                 if ((rc = advanceShadow()))
                     return rc;
@@ -134,26 +127,25 @@ int QueryWalk::run()
             continue;
         }
         if (quenby_debug > 4)
-            std::fprintf(stderr, "quenby::verifyshadow comparing \n %s %s \n", queryLine_.ptr, s.line.ptr);
+            std::fprintf(stderr, "quenby::verifyshadow comparing \n %s %s \n", queryLine_, s.line);
         if (!v_.shadowExamined) {
             v_.checkHsmState();
             if (s.state != PDR_NORMAL) {
-                v_.reportLine("Record flag is error: %016llx %s 0x%x\n", (unsigned long long)s.ino, s.path.ptr,
-                              s.state);
+                v_.reportLine("Record flag is error: %016llx %.*s 0x%x\n", (unsigned long long)s.ino, VIEW_ARGS(s.path), s.state);
                 ++v_.counts.invalid;
             } else {
                 ++v_.counts.normal;
             }
             v_.shadowExamined = true;
         }
-        int cmp = std::strcmp(queryPath_.ptr, s.path.ptr);
+        int cmp = std::string_view(queryPath_.ptr).compare(s.path);
         if (cmp == 0) {
             if (q_.attrFlag != 0
-                && (std::strstr(s.show.ptr, q_.mtimeDate) == nullptr || std::strstr(s.show.ptr, q_.mtimeTime) == nullptr
-                    || std::strstr(s.show.ptr, q_.ctimeDate) == nullptr
-                    || std::strstr(s.show.ptr, q_.ctimeTime) == nullptr)) {
-                v_.reportLine("Attribute is error: %016llx %s %s\n", (unsigned long long)s.ino, s.path.ptr,
-                              s.show.ptr);
+                && (s.show.find(q_.mtimeDate) == std::string_view::npos
+                    || s.show.find(q_.mtimeTime) == std::string_view::npos
+                    || s.show.find(q_.ctimeDate) == std::string_view::npos
+                    || s.show.find(q_.ctimeTime) == std::string_view::npos)) {
+                v_.reportLine("Attribute is error: %016llx %.*s %.*s\n", (unsigned long long)s.ino, VIEW_ARGS(s.path), VIEW_ARGS(s.show));
                 ++v_.counts.invalid;
             }
             if ((rc = readQuery()) || (rc = advanceShadow()))
@@ -164,7 +156,7 @@ int QueryWalk::run()
             if ((rc = readQuery()))
                 return rc;
         } else {
-            v_.reportLine("Unvalid file in shadow: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+            v_.reportLine("Unvalid file in shadow: %016llx %.*s\n", (unsigned long long)s.ino, VIEW_ARGS(s.path));
             ++v_.counts.invalid;
             if ((rc = advanceShadow()))
                 return rc;
@@ -175,7 +167,7 @@ int QueryWalk::run()
 // The server holds nothing more: every shadow record left is invalid.
 int QueryWalk::shadowTail()
 {
-    PolicyRecord& s = v_.shadowRec;
+    Record& s = v_.shadowRec;
     while (!indexEof_) {
         int reader = 0;
         if (int rc = fetch(&reader))
@@ -184,7 +176,7 @@ int QueryWalk::shadowTail()
             std::fprintf(stderr, "quenby: verifyShadow: read shadow file failed at offset %lld\n", offset_);
             return reader;
         }
-        v_.reportLine("Unvalid file in shadow: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+        v_.reportLine("Unvalid file in shadow: %016llx %.*s\n", (unsigned long long)s.ino, VIEW_ARGS(s.path));
         ++v_.counts.invalid;
         if (int rc = advanceShadow())
             return rc;
@@ -202,8 +194,7 @@ int QueryWalk::queryTail()
             v_.reportLine("File doesn't exist in Shadow: %s\n", queryPath_.ptr);
             ++v_.counts.invalid;
         }
-        int rc = readQueryRecord(query_, &queryLine_.ptr, &queryLine_.size, &queryPath_.ptr, &queryPath_.size, &q_,
-                                 &queryEof_);
+        int rc = readQueryRecord(query_, &queryPath_.ptr, &queryPath_.size, &q_, &queryEof_, &queryLine_);
         if (rc != 0 || (rc = checkOrder()) != 0)
             return rc;
     }
@@ -223,11 +214,13 @@ int verifyQueryWalk(VerifyContext& v, const char* qbsQueryFile, const char* sort
         std::fprintf(stderr, "quenby:VERIFYSHADOW::1::sort scan shadow file fail, rc = %d\n", rc);
         return rc;
     }
-    StdioFile index, query;
-    if (openSequential(index, sortedIndexName, "r", kCannotRead) != 0
-        || openSequential(query, qbsQueryFile, "r", kCannotRead) != 0)
-        return -1;
-    QueryWalk walk(v, index.get(), query.get(), qbsQueryFile);
+    LineSource index, query;
+    for (auto [source, name] : {std::pair{&index, sortedIndexName}, std::pair{&query, qbsQueryFile}})
+        if (int err = source->open(name)) {
+            std::fprintf(stderr, kCannotRead, name, err);
+            return -1;
+        }
+    QueryWalk walk(v, index, query, qbsQueryFile);
     if (!walk.allocate()) {
         std::fputs("quenby::VERIFYSHADOW::1::failed to allocate memory\n", stderr);
         return -1;

@@ -21,6 +21,15 @@ constexpr int kNameSize = 4096;
 inline constexpr char kCannotRead[] = "quenby::VERIFYSHADOW::1::could not open %s for read (error=%d)\n";
 inline constexpr char kCannotWrite[] = "quenby::VERIFYSHADOW::1::could not open %s for write (error=%d)\n";
 
+bool openInput(LineSource& input, const char* path)
+{
+    if (int err = input.open(path)) {
+        std::fprintf(stderr, kCannotRead, path != nullptr ? path : "(null)", err);
+        return false;
+    }
+    return true;
+}
+
 bool isNone(const char* name)
 {
     return name == nullptr || std::strcmp(name, "NONE") == 0;
@@ -30,8 +39,7 @@ bool isNone(const char* name)
 class ListWalk {
 public:
     explicit ListWalk(VerifyContext& v) : v_(v) {}
-    bool allocate() { return listRec_.allocate() && lastPath_.allocate(PDR_PATH_BUF_SIZE); }
-    void setList(FILE* list) { list_ = list; }
+    bool allocate() { return lastPath_.allocate(4096); }
     int run();
 
 private:
@@ -46,8 +54,9 @@ private:
     int listDrain();
 
     VerifyContext& v_;
-    FILE* list_ = nullptr;
-    PolicyRecord listRec_;
+    RecordReader list_{v_.list};
+    Record listRec_;
+    bool listAtEnd_ = false;
     uint64_t lastIno_ = 0;
     HeapBuf lastPath_;
 };
@@ -55,11 +64,10 @@ private:
 int ListWalk::readList()
 {
     for (;;) {
-        int rc = listRec_.read(list_);
-        if (rc < 0)
-            return rc;
-        if (listRec_.endOfFile)
-            return 0;
+        int rc = list_.next(listRec_);
+        listAtEnd_ = list_.atEnd();
+        if (rc < 0 || listAtEnd_)
+            return rc < 0 ? rc : 0;
         if (rc == PDR_UNSUPPORTED) {
             ++v_.counts.unsupported;
             continue;
@@ -74,8 +82,7 @@ int ListWalk::readList()
 void ListWalk::pendingCheck()
 {
     if (lastIno_ != 0) {
-        v_.reportLine("Check lastIno failed: lastIno %016llx lastPath %s currIno %016llx\n",
-                      (unsigned long long)lastIno_, lastPath_.ptr, (unsigned long long)v_.shadowRec.ino);
+        v_.reportLine("Check lastIno failed: lastIno %016llx lastPath %s currIno %016llx\n", (unsigned long long)lastIno_, lastPath_.ptr, (unsigned long long)v_.shadowRec.ino);
         ++v_.counts.invalid;
     }
 }
@@ -83,11 +90,12 @@ void ListWalk::pendingCheck()
 // A live record of this inode must follow the current shadow record.
 void ListWalk::setPending()
 {
-    const char* path = v_.shadowRec.path.ptr;
-    size_t len = std::strlen(path);
+    const std::string_view path = v_.shadowRec.path;
+    size_t len = path.size();
     if (static_cast<size_t>(lastPath_.size) <= len && !lastPath_.grow(static_cast<int>(len) + 1))
         return;
-    std::memcpy(lastPath_.ptr, path, len + 1);
+    std::memcpy(lastPath_.ptr, path.data(), len);
+    lastPath_.ptr[len] = '\0';
     lastIno_ = v_.shadowRec.ino;
 }
 
@@ -104,13 +112,12 @@ void ListWalk::countFlag(int flag)
 // The current shadow record has no list record.
 void ListWalk::onlyInShadow()
 {
-    const PolicyRecord& s = v_.shadowRec;
-    if (s.filesetName != nullptr && s.filesetName[0] != '\0') {
-        v_.reportLine("Files only in shadow(could be unlinked fset): %016llx %s %s\n", (unsigned long long)s.ino,
-                      s.path.ptr, s.filesetName);
+    const Record& s = v_.shadowRec;
+    if (!s.fileset.empty()) {
+        v_.reportLine("Files only in shadow(could be unlinked fset): %016llx %.*s %.*s\n", (unsigned long long)s.ino, VIEW_ARGS(s.path), VIEW_ARGS(s.fileset));
         ++v_.counts.unlinked;
     } else {
-        v_.reportLine("Unvalid file in shadow: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+        v_.reportLine("Unvalid file in shadow: %016llx %.*s\n", (unsigned long long)s.ino, VIEW_ARGS(s.path));
         ++v_.counts.invalid;
     }
 }
@@ -120,19 +127,19 @@ void ListWalk::onlyInShadow()
 // an unknown flag).
 bool ListWalk::examine()
 {
-    const PolicyRecord& s = v_.shadowRec;
-    const PolicyRecord& l = listRec_;
+    const Record& s = v_.shadowRec;
+    const Record& l = listRec_;
     v_.checkHsmState();
     const int flag = s.state;
     if (flag == PDR_CHANGE) {
         pendingCheck();
         setPending();
-        v_.reportLine("File with CHANGE flag: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+        v_.reportLine("File with CHANGE flag: %016llx %.*s\n", (unsigned long long)s.ino, VIEW_ARGS(s.path));
         ++v_.counts.change;
         return false;
     }
     if (flag == PDR_DELETE || flag == PDR_EXPIRE) {
-        if (s.ino == l.ino && std::strcmp(s.path.ptr, l.path.ptr) == 0) {
+        if (s.ino == l.ino && s.path == l.path) {
             pendingCheck();
             setPending();
         }
@@ -140,19 +147,18 @@ bool ListWalk::examine()
             ++v_.counts.deleted;
         } else {
             ++v_.counts.expire;
-            v_.reportLine("File with EXPIRE flag: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+            v_.reportLine("File with EXPIRE flag: %016llx %.*s\n", (unsigned long long)s.ino, VIEW_ARGS(s.path));
         }
         return false;
     }
     if (flag != PDR_NORMAL && flag != PDR_BACKUP && flag != PDR_METACH) {
-        v_.reportLine("Record flag is UNKNOWN: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+        v_.reportLine("Record flag is UNKNOWN: %016llx %.*s\n", (unsigned long long)s.ino, VIEW_ARGS(s.path));
         ++v_.counts.wrongFlag;
         return false;
     }
     countFlag(flag);
     if (lastIno_ != 0 && lastIno_ != s.ino) {
-        v_.reportLine("Check lastIno failed: lastIno %016llx lastPath %s currIno %016llx\n",
-                      (unsigned long long)lastIno_, lastPath_.ptr, (unsigned long long)s.ino);
+        v_.reportLine("Check lastIno failed: lastIno %016llx lastPath %s currIno %016llx\n", (unsigned long long)lastIno_, lastPath_.ptr, (unsigned long long)s.ino);
         ++v_.counts.invalid;
     }
     v_.shadowExamined = true;
@@ -161,19 +167,19 @@ bool ListWalk::examine()
 
 int ListWalk::run()
 {
-    PolicyRecord& s = v_.shadowRec;
-    PolicyRecord& l = listRec_;
+    Record& s = v_.shadowRec;
+    Record& l = listRec_;
     int rc = 0;
     if ((rc = readList()) || (rc = readShadow()))
         return rc;
     for (;;) {
-        if (l.endOfFile)
+        if (listAtEnd_)
             return shadowDrain();
-        if (s.endOfFile)
+        if (v_.shadowAtEnd)
             return listDrain();
         if (quenby_debug > 4)
             std::fprintf(stderr, "quenby::verifyShadow(list %x shadow %x) comparing \n %s %s\n", l.state, s.state,
-                         l.line.ptr, s.line.ptr);
+                         l.line, s.line);
 
         if (!v_.shadowExamined && !examine()) {
             if ((rc = readShadow()))
@@ -189,22 +195,20 @@ int ListWalk::run()
             continue;
         }
         if (s.ino > l.ino) {
-            v_.reportLine("Unhandled file in prep list: %016llx %s\n", (unsigned long long)l.ino, l.path.ptr);
+            v_.reportLine("Unhandled file in prep list: %016llx %.*s\n", (unsigned long long)l.ino, VIEW_ARGS(l.path));
             ++v_.counts.unhandled;
             lastIno_ = 0;
             if ((rc = readList()))
                 return rc;
             continue;
         }
-        bool samePath = std::strcmp(s.path.ptr, l.path.ptr) == 0;
+        bool samePath = s.path == l.path;
         if (!samePath) {
-            v_.reportLine("Inode/Path not matched: shadow %016llx %s list %016llx %s\n", (unsigned long long)s.ino,
-                          s.path.ptr, (unsigned long long)l.ino, l.path.ptr);
+            v_.reportLine("Inode/Path not matched: shadow %016llx %.*s list %016llx %.*s\n", (unsigned long long)s.ino, VIEW_ARGS(s.path), (unsigned long long)l.ino, VIEW_ARGS(l.path));
             ++v_.counts.invalid;
         }
-        if (diffShowData(s.show.ptr, l.show.ptr, s.filesetName, l.filesetName, s.hsmState, l.hsmState) != 0) {
-            v_.reportLine("Attr not matched: shadow %016llx %s %s list %016llx %s %s\n", (unsigned long long)s.ino,
-                          s.path.ptr, s.show.ptr, (unsigned long long)l.ino, l.path.ptr, l.show.ptr);
+        if (diffShowData(s.show, l.show, s.fileset, l.fileset, s.hsmState, l.hsmState) != 0) {
+            v_.reportLine("Attr not matched: shadow %016llx %.*s %.*s list %016llx %.*s %.*s\n", (unsigned long long)s.ino, VIEW_ARGS(s.path), VIEW_ARGS(s.show), (unsigned long long)l.ino, VIEW_ARGS(l.path), VIEW_ARGS(l.show));
             ++v_.counts.invalid;
         }
         lastIno_ = 0;
@@ -219,23 +223,23 @@ int ListWalk::run()
 // database only.
 int ListWalk::shadowDrain()
 {
-    PolicyRecord& s = v_.shadowRec;
-    while (!s.endOfFile) {
+    Record& s = v_.shadowRec;
+    while (!v_.shadowAtEnd) {
         const int flag = s.state;
         if (flag == PDR_DELETE) {
             ++v_.counts.deleted;
         } else if (flag == PDR_EXPIRE) {
             ++v_.counts.expire;
-            v_.reportLine("File with EXPIRE flag: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+            v_.reportLine("File with EXPIRE flag: %016llx %.*s\n", (unsigned long long)s.ino, VIEW_ARGS(s.path));
         } else {
             if (!v_.shadowExamined) {
                 if (flag == PDR_CHANGE) {
                     ++v_.counts.change;
-                    v_.reportLine("File with CHANGE flag: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+                    v_.reportLine("File with CHANGE flag: %016llx %.*s\n", (unsigned long long)s.ino, VIEW_ARGS(s.path));
                 } else if (flag == PDR_NORMAL || flag == PDR_BACKUP || flag == PDR_METACH) {
                     countFlag(flag);
                 } else {
-                    v_.reportLine("Record flag is UNKNOWN: %016llx %s\n", (unsigned long long)s.ino, s.path.ptr);
+                    v_.reportLine("Record flag is UNKNOWN: %016llx %.*s\n", (unsigned long long)s.ino, VIEW_ARGS(s.path));
                     ++v_.counts.wrongFlag;
                 }
             }
@@ -250,15 +254,16 @@ int ListWalk::shadowDrain()
 // The shadow database has run out: every list record left is unhandled.
 int ListWalk::listDrain()
 {
-    PolicyRecord& l = listRec_;
-    while (!l.endOfFile) {
-        v_.reportLine("Unhandled file in prep list: %016llx %s\n", (unsigned long long)l.ino, l.path.ptr);
+    Record& l = listRec_;
+    while (!listAtEnd_) {
+        v_.reportLine("Unhandled file in prep list: %016llx %.*s\n", (unsigned long long)l.ino, VIEW_ARGS(l.path));
         ++v_.counts.unhandled;
         for (;;) {
-            int rc = l.read(list_);
+            int rc = list_.next(l);
+            listAtEnd_ = list_.atEnd();
             if (rc < 0)
                 return rc;
-            if (l.endOfFile)
+            if (listAtEnd_)
                 break;
             if (rc == PDR_UNSUPPORTED) {
                 ++v_.counts.unsupported;
@@ -266,7 +271,7 @@ int ListWalk::listDrain()
             }
             if (rc == PDR_INTERNAL) {
                 if (quenby_debug > 4)
-                    std::fprintf(stderr, "quenby: verifyShadow skipping internal path [%s]\n", l.path.ptr);
+                    std::fprintf(stderr, "quenby: verifyShadow skipping internal path [%.*s]\n", VIEW_ARGS(l.path));
                 continue;
             }
             ++v_.counts.validList;
@@ -308,13 +313,12 @@ void printSummary(const VerifyCounts& c, bool queryMode, const char* reportName)
 // Header line 1 must carry the current format version.
 int checkHeader(VerifyContext& v)
 {
-    char* line = v.shadowRec.line.ptr;
-    int size = v.shadowRec.line.size < 8192 ? v.shadowRec.line.size : 8192;
-    if (fgets_unlocked(line, size, v.shadow.get()) == nullptr || feof_unlocked(v.shadow.get())) {
+    LineView first;
+    if (v.shadow.next(first) <= 0) {
         std::fprintf(stderr, "quenby::VERIFYSHADOW::1::could not get shadow header in %s\n", v.shadowFile);
         return -1;
     }
-    const ShadowHeaderVersion header = peekShadowHeaderVersion(line);
+    const ShadowHeaderVersion header = peekShadowHeaderVersion(first.text);
     if (header.version != SHADOW_FORMAT_VERSION) {
         std::fprintf(stderr, "quenby::VERIFYSHADOW::1::shadow file version %d shadow hdr version %d\n", header.version,
                      SHADOW_FORMAT_VERSION);
@@ -379,8 +383,10 @@ int verifyShadow(const char* shadowFile, const char* prepListFile, const char* o
     // The run's whole environment, read once at its start.
     const char* sortCommand = std::getenv("KESTREL_SORT_OPTIONS");
     const bool queryMode = qbsQueryFile != nullptr;
-    VerifyContext v{shadowFile, sortDirectory, sortCommand, {}, {}, {}, false, {}};
-    StdioFile prepList;
+    VerifyContext v;
+    v.shadowFile = shadowFile;
+    v.sortDirectory = sortDirectory;
+    v.sortCommand = sortCommand;
     ListWalk walk(v);
     char sortedName[kNameSize];
     char pathName[kNameSize]; // the unsorted index the sort step writes first
@@ -392,7 +398,7 @@ int verifyShadow(const char* shadowFile, const char* prepListFile, const char* o
                       || std::snprintf(pathName, sizeof pathName, "%s.path", shadowFile) >= kNameSize)) {
         std::fprintf(stderr, "quenby::VERIFYSHADOW::1::shadow file name too long: %s\n", shadowFile);
         result = -1;
-    } else if (!v.shadowRec.allocate() || !walk.allocate()) {
+    } else if (!walk.allocate()) {
         std::fputs("quenby::VERIFYSHADOW::1::failed to allocate memory\n", stderr);
         result = -1;
     } else if (!nameReport(reportName, outputFile, std::time(nullptr))) {
@@ -401,14 +407,12 @@ int verifyShadow(const char* shadowFile, const char* prepListFile, const char* o
     } else if (refuseSharedOutputs(stderr, "quenby::VERIFYSHADOW::1::", {shadowFile, prepListFile, qbsQueryFile},
                                    {queryMode ? pathName : nullptr, queryMode ? sortedName : nullptr, reportName})
                    != 0
-               || openSequential(v.shadow, shadowFile, "r", kCannotRead) != 0
-               || (!queryMode && openSequential(prepList, prepListFile, "r", kCannotRead) != 0)
+               || !openInput(v.shadow, shadowFile) || (!queryMode && !openInput(v.list, prepListFile))
                || openReport(v.report, reportName, isNone(outputFile)) != 0 || checkHeader(v) != 0) {
         result = -1;
     } else if (queryMode) {
         result = verifyQueryWalk(v, qbsQueryFile, sortedName, &walked);
     } else {
-        walk.setList(prepList.get());
         result = walk.run();
         walked = result == 0;
         if (walked)
@@ -423,7 +427,7 @@ int verifyShadow(const char* shadowFile, const char* prepListFile, const char* o
     if (walked)
         printSummary(v.counts, queryMode, reportName);
     v.shadow.close();
-    prepList.close();
+    v.list.close();
     if (result == 0)
         std::fputs("::VERIFYSHADOW::0::\n", stdout);
     else

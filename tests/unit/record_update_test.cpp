@@ -82,7 +82,6 @@ TEST(RecordUpdate, ReportsAndFailuresRewriteOnlyFlags)
         {"no mark", {"0"}, 0xb, 0, {"b"}, 0, revert + "old]\n", 0, {}, 1, true},
     };
     RecordUpdater updater;
-    ASSERT_TRUE(updater.allocate());
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         const std::string text = shadow(c.before, c.ino2, c.gen2);
@@ -118,9 +117,8 @@ TEST(RecordUpdate, ReadWindowMatchesPlainReads)
     text.pop_back();
     want.pop_back();
     RecordUpdater updater; // no marks: every report reads its record
-    ASSERT_TRUE(updater.allocate());
     EXPECT_TRUE(updated(text, [&](FILE* f) {
-        RecordReadWindow window(updater, f);
+        RecordReadWindow window(updater);
         for (offset_t offset : at)
             EXPECT_EQ(updater.update(f, offset, 0x0, nullptr), 0);
     }).first == want);

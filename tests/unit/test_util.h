@@ -79,7 +79,6 @@ struct GlobalsGuard {
     ~GlobalsGuard()
     {
         quenby_debug = 0;
-        clusterMigrationReader = false;
         sysFaultsClear();
         for (const std::string& name : env)
             unsetenv(name.c_str());

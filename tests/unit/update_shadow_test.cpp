@@ -44,7 +44,7 @@ TEST_F(UpdateShadowFaults, EachFailureNamesItsPlace)
         {SysCall::fopen, 1, ENOENT, err + "could not open " + oldDb + " for read (error=2)\n", fail},
         {SysCall::create, 1, EACCES, err + "could not open " + newDb + " for writing (error=13)\n", fail},
         {SysCall::fopen, 2, EMFILE, err + "could not open " + list + " for read (error=24)\n", fail},
-        {SysCall::fcntl, 1, EBADF, err + "could not open " + oldDb + " for read (error=9)\n", fail},
+        {SysCall::fcntl, 1, EBADF, err + "could not open " + dir.file("expired") + " for writing (error=9)\n", fail},
         // A close or a commit that fails costs one, and nothing reaches its final name.
         {SysCall::fclose, 1, EIO, "", "quenby::UPDATESHADOWERR::-1::1::0::0::\n"},
         {SysCall::fsync, 1, EIO, "", "quenby::UPDATESHADOWERR::-1::1::0::0::\n"},
