@@ -51,6 +51,15 @@ fi
 for file in share/doc/quenby/formats.md share/doc/quenby/copyright share/bash-completion/completions/quenby; do
     [ -f "$prefix/$file" ] || fail "$file is not installed"
 done
+# Completion: a keyword first, file names after it.
+complete() { # complete WORD...: what the installed completion offers for the last word
+    (cd "$scratch" && bash -c '. "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _quenby; echo "${COMPREPLY[*]}"' \
+        "$prefix/share/bash-completion/completions/quenby" quenby "$@")
+}
+if command -v bash > /dev/null 2>&1; then
+    [ "$(complete ver)" = "version verifyshadow" ] || fail "completion of a keyword gave [$(complete ver)]"
+    [ "$(complete verifyshadow pre)" = prefix ] || fail "completion of a file name gave [$(complete verifyshadow pre)]"
+fi
 echo "install check: cmake --install: the program, manual page, formats guide, copyright and completion ok"
 
 # 2. cpack -G DEB into a scratch output directory.
