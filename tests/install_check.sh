@@ -43,23 +43,16 @@ out=$(cd "$scratch" && "$prefix/bin/quenby" version) \
 
 # The manual page is compressed when the build found gzip.
 man=$prefix/share/man/man1/quenby.1
-if [ -f "$man.gz" ]; then
-    gzip -dc "$man.gz" | cmp -s - "$here/docs/quenby.1" || fail "$man.gz differs from docs/quenby.1"
-else
-    cmp -s "$man" "$here/docs/quenby.1" || fail "$man differs from docs/quenby.1"
-fi
+{ [ -f "$man.gz" ] && gzip -dc "$man.gz" || cat "$man"; } | cmp -s - "$here/docs/quenby.1" \
+    || fail "the installed manual page differs from docs/quenby.1"
 for file in share/doc/quenby/formats.md share/doc/quenby/copyright share/bash-completion/completions/quenby; do
     [ -f "$prefix/$file" ] || fail "$file is not installed"
 done
-# Completion: a keyword first, file names after it.
-complete() { # complete WORD...: what the installed completion offers for the last word
-    (cd "$scratch" && bash -c '. "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _quenby; echo "${COMPREPLY[*]}"' \
-        "$prefix/share/bash-completion/completions/quenby" quenby "$@")
-}
-if command -v bash > /dev/null 2>&1; then
-    [ "$(complete ver)" = "version verifyshadow" ] || fail "completion of a keyword gave [$(complete ver)]"
-    [ "$(complete verifyshadow pre)" = prefix ] || fail "completion of a file name gave [$(complete verifyshadow pre)]"
-fi
+# Completion: a keyword first, file names after it (the scratch directory holds "prefix").
+complete=$(cd "$scratch" && bash -c '. "$0"; for w in ver "verifyshadow pre"; do COMP_WORDS=(quenby $w)
+    COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _quenby; echo "${COMPREPLY[*]}"; done' \
+    "$prefix/share/bash-completion/completions/quenby")
+[ "$complete" = "$(printf 'version verifyshadow\nprefix')" ] || fail "completion gave [$complete]"
 echo "install check: cmake --install: the program, manual page, formats guide, copyright and completion ok"
 
 # 2. cpack -G DEB into a scratch output directory.
@@ -83,10 +76,7 @@ done
 echo "install check: cpack: $(basename "$deb") holds the program, its manual page and copyright"
 
 # 3. lintian, when installed: not one error or warning.
-if ! command -v lintian > /dev/null 2>&1; then
-    echo "install check: lintian is not installed: package lint skipped"
-    exit 0
-fi
+command -v lintian > /dev/null 2>&1 || { echo "install check: no lintian: package lint skipped"; exit 0; }
 lintian --fail-on error,warning "$deb" > "$scratch/lintian.log" 2>&1 \
     || { cat "$scratch/lintian.log" >&2; fail "lintian found errors or warnings"; }
 echo "install check: lintian: no error or warning"
