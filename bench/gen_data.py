@@ -81,12 +81,13 @@ INTERNAL_NAMES = (".kestrelShadow.%s.%%d" % DBNAME, ".kestrelwork/bunch.%05d",
 
 
 def parse_args(argv):
-    p = argparse.ArgumentParser(description="Generate quenby benchmark data.")
+    p = argparse.ArgumentParser(description="Generate quenby benchmark data: shadow.old, scan.old and scan.new "
+                                "in the output directory; prints what was changed, by kind.")
     p.add_argument("--records", type=int, required=True, help="records in shadow.old")
     p.add_argument("--out", required=True, help="output directory")
     p.add_argument("--churn", type=float, default=0.10,
-                   help="changes in scan.new as a fraction of --records (0..1)")
-    p.add_argument("--seed", type=int, default=1)
+                   help="changes in scan.new as a fraction of --records (0..1, default 0.10)")
+    p.add_argument("--seed", type=int, default=1, help="random seed; the same seed gives the same files (default 1)")
     p.add_argument("--old-format", action="store_true",
                    help="shadow records without the HSM state field")
     a = p.parse_args(argv)

@@ -14,11 +14,14 @@ import os
 
 
 def main():
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--shadow", required=True)
-    ap.add_argument("--lines", type=int, required=True)
-    ap.add_argument("--out", required=True)
-    ap.add_argument("--mount", default="/cluster/fs1")
+    ap = argparse.ArgumentParser(description="Make one execbunch benchmark bunch over a shadow database: "
+                                 "DIR/bunch and DIR/shadow.base, whose picked records are BACKUP.")
+    ap.add_argument("--shadow", required=True, help="the shadow database to pick records from")
+    ap.add_argument("--lines", type=int, required=True,
+                    help="most bunch lines, one for every K-th record (escaped paths and paths that begin with . skipped)")
+    ap.add_argument("--out", required=True, help="directory for bunch and shadow.base (created)")
+    ap.add_argument("--mount", default="/cluster/fs1",
+                    help="mount point put before every path (default /cluster/fs1)")
     args = ap.parse_args()
     os.makedirs(args.out, exist_ok=True)
     with open(args.shadow, "rb") as f:

@@ -30,11 +30,12 @@ def bunch_line(line, mount):
 
 
 def main():
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--mount", required=True)
-    ap.add_argument("--size", type=int, required=True)
-    ap.add_argument("--out", required=True)
-    ap.add_argument("worklists", nargs="+")
+    ap = argparse.ArgumentParser(description="Cut work lists into bunch files as the backup driver does; "
+                                 "prints the names of the files written.")
+    ap.add_argument("--mount", required=True, help="mount point joined to every record's path")
+    ap.add_argument("--size", type=int, required=True, help="most lines in one bunch file")
+    ap.add_argument("--out", required=True, help="prefix of the bunch files: PREFIX.1, PREFIX.2, ...")
+    ap.add_argument("worklists", nargs="+", help="work lists, read in this order; a missing one is skipped")
     args = ap.parse_args()
     lines = []
     for name in args.worklists:

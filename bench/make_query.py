@@ -14,10 +14,12 @@ import argparse
 
 
 def main():
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--list", required=True)
-    ap.add_argument("--out", required=True)
-    ap.add_argument("--attr", type=int, default=1)
+    ap = argparse.ArgumentParser(description="Write the server query file for a PDR list (a shadow database "
+                                 "or a scan list), sorted by path bytes, internal paths left out.")
+    ap.add_argument("--list", required=True, help="the PDR list; header lines are skipped")
+    ap.add_argument("--out", required=True, help="the query file to write")
+    ap.add_argument("--attr", type=int, default=1,
+                    help="attrFlag of every line (default 1: mtime and ctime count; 0: only the mtime)")
     args = ap.parse_args()
     lines = []
     with open(args.list, "rb") as f:

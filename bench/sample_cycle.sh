@@ -5,6 +5,8 @@
 #   3. one execbunch per bunch runs a stand-in backup client, side by side,
 #      with the shadow database locked per bunch, and marks each record;
 #   4. a second updateshadow finds every record settled.
+# At the end, a table of the record states by step, reconciled with what
+# the data generator changed (bench/cycle_report.py makes the tables).
 #
 #   bench/sample_cycle.sh [QUENBY] [RECORDS] [DIR]
 set -eu
@@ -15,43 +17,31 @@ quenby=$(cd "$(dirname "$quenby")" && pwd)/$(basename "$quenby")
 records=${2:-1000}
 dir=${3:-${TMPDIR:-/tmp}/quenby-sample}
 client=$here/../tests/e2e/fake_client.sh
+report="python3 $here/cycle_report.py"
 
 mkdir -p "$dir"
 cd "$dir"
-rm -f shadow.new shadow.next changed expired unsupp hsm bunch.* list.* out.* next.*
-python3 "$here/gen_data.py" --records "$records" --out . >/dev/null
+rm -f shadow.new shadow.next changed expired unsupp hsm bunch.* list.* out.* next.* states.tsv gen.txt
+python3 "$here/gen_data.py" --records "$records" --out . > gen.txt
 
-states() { # the record flags of a shadow database, counted
-    awk -F: 'NR > 5 { n[substr($8, length($8))]++ }
-        END { split("0 NORMAL a METACH b BACKUP c CHANGE d DELETE e EXPIRE", s, " ")
-              line = ""
-              for (i = 1; i < 12; i += 2) if (s[i] in n) line = line sprintf("  %s %d", s[i+1], n[s[i]])
-              print line }' "$1"
-}
-
-echo "Sample data in $dir:"
+echo "Sample data in $dir (bench/gen_data.py):"
 echo "  shadow.old  yesterday's shadow database, $(($(wc -l < shadow.old) - 5)) records"
 echo "  scan.new    today's policy scan list, $(wc -l < scan.new) records"
+$report count "shadow.old" shadow.old
 echo
 
 echo "1. quenby updateshadow shadow.old shadow.new scan.new changed expired unsupp hsm"
-KESTREL_QBSC_INCR_SUPPORTED=1 "$quenby" updateshadow shadow.old shadow.new scan.new changed expired unsupp hsm \
-    | sed 's/^/   /'
-echo "   (::UPDATESHADOW::0::<changed>::<expired>::<unsupported>::)"
-for list in changed hsm expired unsupp; do
-    if [ -f "$list" ]; then
-        printf '   %-8s %4d lines, e.g. %s\n' "$list" "$(wc -l < "$list")" \
-            "$(head -n 1 "$list" | sed 's/^.*;[0-9]*!//' | cut -c1-60)..."
-    else
-        printf '   %-8s none (an unused list is removed)\n' "$list"
-    fi
-done
-echo "   record states in shadow.new:$(states shadow.new)"
+result=$(KESTREL_QBSC_INCR_SUPPORTED=1 "$quenby" updateshadow shadow.old shadow.new scan.new changed expired \
+    unsupp hsm)
+echo "   $result   (::UPDATESHADOW::0::<changed>::<expired>::<unsupported>::)"
+$report worklists "$result"
+$report count "1. after updateshadow" shadow.new
 echo
 
 echo "2. The work lists cut into bunches of 40 (keyword and offset before ' -- ', the path after it)"
 python3 "$here/make_bunches.py" --mount /cluster/fs1 --size 40 --out bunch changed hsm expired > bunches
-echo "   $(wc -l < bunches) bunch files, e.g. $(head -n 1 bunch.1 | cut -c1-50)... -- $(head -n 1 bunch.1 | sed 's/.* -- //')"
+echo "   $(wc -l < bunches) bunch files; the first line of bunch.1, whole:"
+echo "     $(head -n 1 bunch.1)"
 echo
 
 echo "3. One execbunch per bunch, side by side, KESTREL_LOCK_SHADOW=1, a stand-in client"
@@ -63,15 +53,15 @@ for b in $(cat bunches); do
         "$quenby" execbunch "$b" list.chg.$n list.exp.$n list.upd.$n shadow.new 40 > out.$n 2>&1 &
 done
 wait
-for b in $(cat bunches); do
-    n=${b#bunch.}
-    printf '   %-9s %s\n' "$b" "$(grep -c . "$b") files: $(grep '^::EXECANDMONITOR' out.$n | tr '\n' ' ')$(grep -q 'lock denied' out.$n && echo '(waited for a lock)' || true)"
-done
-echo "   (::EXECANDMONITOR::<updated>::<failed>::<client status>:: per client run: expire, backup, update)"
-echo "   record states in shadow.new:$(states shadow.new)"
+$report bunches bunches
+$report count "3. after execbunch" shadow.new
 echo
 
 echo "4. quenby updateshadow shadow.new shadow.next scan.new next.changed next.expired next.unsupp next.hsm"
 KESTREL_QBSC_INCR_SUPPORTED=1 "$quenby" updateshadow shadow.new shadow.next scan.new next.changed next.expired \
     next.unsupp next.hsm | sed 's/^/   /'
-echo "   record states in shadow.next:$(states shadow.next)  (DELETE records dropped, nothing left to do)"
+$report count "4. shadow.next" shadow.next
+echo
+
+echo "Record states by step"
+$report states

@@ -114,21 +114,52 @@ int runVerifyShadow(const Args& args, const SubCommandTable& commands)
     return commands.verifyShadow(args.a(1), args.a(2), args.aOrNone(3), args.aOrNone(4), args.aOrNone(5));
 }
 
+int runHelp(const Args&, const SubCommandTable&);
+
+int runLongVersion(const Args&, const SubCommandTable&)
+{
+    std::printf("quenby %d\n", QUENBY_VERSION);
+    std::fflush(stdout);
+    return 0;
+}
+
 struct Keyword {
     const char* name;
     int (*run)(const Args&, const SubCommandTable&);
+    const char* synopsis; // for --help; null: not listed on a line of its own
 };
 
-// Compared in this order; the first exact match decides.
+// Compared in this order; the first exact match decides. The driver never
+// sends the three option words, so they cannot change what it sees.
 const Keyword keywords[] = {
-    {"version", runVersion},
-    {"updateshadow", runUpdateShadow},
-    {"clustermigdiff", runClusterMigDiff},
-    {"rebuildshadow", runRebuildShadow},
-    {"execbunch", runExecBunch},
-    {"validateqbsclient", runValidateClient},
-    {"verifyshadow", runVerifyShadow},
+    {"version", runVersion, ""},
+    {"updateshadow", runUpdateShadow,
+     "<old shadow> <new shadow> [<list> <changed> <expired> <unsupp> [<hsm mig> [<subdir> <filesets>]]]"},
+    {"clustermigdiff", runClusterMigDiff, "<old list> <new list> <changed> <expired>"},
+    {"rebuildshadow", runRebuildShadow, "<qbs file> <fs list file> <out shadow> [<sort dir>]"},
+    {"execbunch", runExecBunch,
+     "<in file> <out change> <out expire> <out state ch> <shadow db> <bunch size> [<path to remove>]"},
+    {"validateqbsclient", runValidateClient, "<master option file> <node option file> <server name>"},
+    {"verifyshadow", runVerifyShadow, "<shadow file> <prep list> [<output file> <qbs query file> <sort dir>]"},
+    {"--help", runHelp, nullptr},
+    {"-h", runHelp, nullptr},
+    {"--version", runLongVersion, nullptr},
 };
+
+int runHelp(const Args&, const SubCommandTable&)
+{
+    std::fputs("Usage: quenby <keyword> <arguments>\n\n", stdout);
+    for (const Keyword& k : keywords)
+        if (k.synopsis != nullptr)
+            std::printf("  quenby %s%s%s\n", k.name, *k.synopsis != '\0' ? " " : "", k.synopsis);
+    std::fputs("  quenby --help | -h | --version\n\n"
+               "The backup driver runs one keyword per call; the exit status is its result.\n"
+               "Manual: man quenby. File formats: share/doc/quenby/formats.md under the\n"
+               "installation prefix (/usr/share/doc/quenby/formats.md from the Debian package).\n",
+               stdout);
+    std::fflush(stdout);
+    return 0;
+}
 
 const char* wordOrNull(int argc, char** argv, int i)
 {

@@ -1,5 +1,7 @@
 """Command dispatch end to end: the keywords, the usage texts of the rejected argument counts, the trace."""
 
+import re
+
 import e2e_util
 
 U1 = ("Usage: updateShadow <old shadow file> <new shadow file> <list file> <changed file> "
@@ -18,6 +20,10 @@ USAGES = [  # keyword, rejected argument counts, usage text
      "<sortDirectory>]\n"),
 ]
 W = ["a%d" % i for i in range(1, 11)]
+# One line per keyword, in the table's order, then where the manual is.
+HELP = re.compile("Usage: quenby <keyword> <arguments>\n\n" + "".join(
+    r"  quenby %s( <[^\n]*)?\n" % k for k in ["version"] + [u[0] for u in USAGES[1:]])
+    + r"  quenby --help \| -h \| --version\n.*man quenby.*/usr/share/doc/quenby/formats\.md.*", re.S)
 
 
 def row(name, args, stderr, stdout="", status=22, level="0"):
@@ -34,7 +40,9 @@ CASES = [
     row("execbunch with eight words reaches the sub-command", ["execbunch", "nofile"] + W[:4] + ["10", "", "a8"],
         "quenby: input file nofile could not be opened\n",
         "quenby:execBunch() error -1 parsing records, skipping exec\n", 255),
-] + [row("invalid keyword %r" % k, [k], "quenby: Invalid Keyword: %s\n" % k) for k in ("Version", "vers", "")] + [
+    row("--version", ["--version", "x"], "", "quenby 3\n", 0),
+] + [row("%s lists every keyword" % k, [k], "", HELP, 0) for k in ("--help", "-h")] + [
+    row("invalid keyword %r" % k, [k], "quenby: Invalid Keyword: %s\n" % k) for k in ("Version", "vers", "", "--helpx", "-H")] + [
     row("%s with %d arguments" % (k, n), [k] + W[:n], text) for k, counts, text in USAGES for n in counts]
 
 
