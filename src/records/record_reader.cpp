@@ -1,5 +1,6 @@
 #include "records/record_reader.h"
 
+#include "records/read_ahead.h"
 #include "support/file_open.h"
 
 #ifdef __SSE2__
@@ -7,6 +8,7 @@
 #endif
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 namespace {
 
@@ -123,7 +125,8 @@ std::string_view recordPath(const Record& rec, const char* scanEnd, int pathLen,
 int classifyPath(std::string_view path, bool escaped, const ReaderOptions& options)
 {
     if (!options.clusterMigration) {
-        if (path.find_first_of(UnsupQBSCharList) != std::string_view::npos)
+        if (std::memchr(path.data(), UnsupQBSCharList[0], path.size()) != nullptr
+            || std::memchr(path.data(), UnsupQBSCharList[1], path.size()) != nullptr)
             return PDR_UNSUPPORTED;
         if (escaped && path.find(UnsupEscCharList) != std::string_view::npos)
             return PDR_UNSUPPORTED;
@@ -211,8 +214,28 @@ int RecordReader::take(const LineView& line, Record& rec)
     return parseRecord(rec, lineBufferSize_, options_, stderr);
 }
 
+RecordReader::RecordReader(LineSource& source, ReaderOptions options) : source_(source), options_(options) {}
+
+RecordReader::~RecordReader() = default;
+
+bool RecordReader::readAhead()
+{
+    auto ahead = std::unique_ptr<ReadAhead>(new (std::nothrow) ReadAhead(source_, options_, lineBufferSize_));
+    if (ahead == nullptr || !ahead->start())
+        return false;
+    ahead_ = std::move(ahead);
+    return true;
+}
+
+void RecordReader::stopReadAhead()
+{
+    ahead_.reset();
+}
+
 int RecordReader::next(Record& rec)
 {
+    if (ahead_ != nullptr)
+        return ahead_->next(rec, atEnd_);
     atEnd_ = false;
     LineView line;
     for (;;) {

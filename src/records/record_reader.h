@@ -7,7 +7,10 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string_view>
+
+class ReadAhead;
 
 // printf's two arguments for "%.*s" and a view.
 #define VIEW_ARGS(view) static_cast<int>((view).size()), (view).data()
@@ -48,7 +51,17 @@ int parseRecord(Record& rec, size_t lineBufferSize, const ReaderOptions& options
 
 class RecordReader {
 public:
-    explicit RecordReader(LineSource& source, ReaderOptions options = {}) : source_(source), options_(options) {}
+    explicit RecordReader(LineSource& source, ReaderOptions options = {});
+    ~RecordReader();
+    RecordReader(const RecordReader&) = delete;
+    RecordReader& operator=(const RecordReader&) = delete;
+
+    // From here on the source is read and parsed a block ahead on a thread
+    // of its own, until stopReadAhead() or the end of the reader; nothing
+    // else may use the source meanwhile. False when no thread could be
+    // started: the reading goes on here.
+    bool readAhead();
+    void stopReadAhead();
 
     // The next record, header lines passed over: 0, PDR_UNSUPPORTED or
     // PDR_INTERNAL with `rec` filled; 0 with atEnd() at the end of the
@@ -71,4 +84,5 @@ private:
     ReaderOptions options_;
     size_t lineBufferSize_ = PDR_LINE_BUF_SIZE;
     bool atEnd_ = false;
+    std::unique_ptr<ReadAhead> ahead_;
 };

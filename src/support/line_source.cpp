@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 LineSource::LineSource() : LineSource(Options{}) {}
@@ -104,16 +105,7 @@ int LineSource::fill()
     size_t want = end_ + options_.blockSize + 1;
     if (capacity_ < want && !reserve(capacity_ == 0 ? want : (2 * capacity_ > want ? 2 * capacity_ : want)))
         return -1;
-    const size_t room = capacity_ - 1 - end_;
-    ssize_t got;
-    do {
-        if (reader_ != nullptr)
-            got = reader_(readerContext_, buf_ + end_, room);
-        else if (options_.access == Access::positioned)
-            got = sysPread(fd_, buf_ + end_, room, static_cast<off_t>(bufferOffset_ + static_cast<int64_t>(end_)));
-        else
-            got = sysRead(fd_, buf_ + end_, room);
-    } while (got < 0 && errno == EINTR);
+    ssize_t got = readInput(buf_ + end_, capacity_ - 1 - end_, bufferOffset_ + static_cast<int64_t>(end_));
     if (got < 0)
         return -1;
     if (got == 0) {
@@ -121,8 +113,44 @@ int LineSource::fill()
         return 0;
     }
     end_ += static_cast<size_t>(got);
-    bytesRead_ += static_cast<uint64_t>(got);
     return 1;
+}
+
+ssize_t LineSource::readInput(char* out, size_t size, int64_t offset)
+{
+    ssize_t got;
+    do {
+        if (reader_ != nullptr)
+            got = reader_(readerContext_, out, size);
+        else if (options_.access == Access::positioned)
+            got = sysPread(fd_, out, size, static_cast<off_t>(offset));
+        else
+            got = sysRead(fd_, out, size);
+    } while (got < 0 && errno == EINTR);
+    if (got > 0)
+        bytesRead_.fetch_add(static_cast<uint64_t>(got), std::memory_order_relaxed);
+    return got;
+}
+
+ssize_t LineSource::readRaw(char* out, size_t size)
+{
+    restoreTerminator();
+    if (begin_ < end_) {
+        size_t take = end_ - begin_ < size ? end_ - begin_ : size;
+        std::memcpy(out, buf_ + begin_, take);
+        begin_ += take;
+        return static_cast<ssize_t>(take);
+    }
+    bufferOffset_ += static_cast<int64_t>(begin_);
+    begin_ = end_ = 0;
+    if (atEnd_)
+        return 0;
+    ssize_t got = readInput(out, size, bufferOffset_);
+    if (got > 0)
+        bufferOffset_ += got;
+    else if (got == 0)
+        atEnd_ = true;
+    return got;
 }
 
 int LineSource::handOut(LineView& line, size_t span, size_t consumed)
@@ -225,6 +253,14 @@ int LineSource::rewind(int64_t offset)
     bufferOffset_ = offset;
     atEnd_ = discarding_ = false;
     return 0;
+}
+
+uint64_t LineSource::size() const
+{
+    struct stat st;
+    if (fd_ < 0 || fstat(fd_, &st) != 0 || !S_ISREG(st.st_mode))
+        return 0;
+    return static_cast<uint64_t>(st.st_size);
 }
 
 void LineSource::forget()

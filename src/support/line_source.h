@@ -2,6 +2,7 @@
 // buffer and handed out in place: no copy, no stdio.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <sys/types.h>
@@ -74,15 +75,24 @@ public:
     // The input offset of the next line next() hands out.
     int64_t position() const { return bufferOffset_ + static_cast<int64_t>(begin_); }
 
+    // The size of a regular file read; 0 for anything else.
+    uint64_t size() const;
+
     // Bytes of input read so far; lines handed out.
-    uint64_t bytesRead() const { return bytesRead_; }
+    uint64_t bytesRead() const { return bytesRead_.load(std::memory_order_relaxed); }
     uint64_t linesRead() const { return linesRead_; }
+
+    // Up to `size` bytes of the input from the position on, straight into
+    // `out` (what is buffered first): a block reader's way in. As read(2):
+    // the bytes, 0 at the end, -1 when the read failed.
+    ssize_t readRaw(char* out, size_t size);
 
     // Drops what is buffered: the next read goes to the input.
     void forget();
 
 private:
     int fill();
+    ssize_t readInput(char* out, size_t size, int64_t offset);
     bool reserve(size_t bytes);
     void restoreTerminator();
     int handOut(LineView& line, size_t span, size_t consumed);
@@ -102,6 +112,7 @@ private:
     bool discarding_ = false; // skipping the tail of a cut line
     char* terminatorAt_ = nullptr;
     char terminatorSaved_ = 0;
-    uint64_t bytesRead_ = 0;
+    std::atomic<uint64_t> bytesRead_{0}; // also read from another thread
+
     uint64_t linesRead_ = 0;
 };

@@ -178,7 +178,7 @@ struct Run {
     OutputFile changed, expired;
     MergeCounts counts;
 
-    int execute(int maxExpirePercent);
+    int execute(int maxExpirePercent, bool progressWanted);
     int openOutput(OutputFile& file, const char* path)
     {
         if (int err = file.open(path, OutputFile::Mode::replace)) {
@@ -192,7 +192,7 @@ struct Run {
     int close(int result) { return closeRunFiles(result, {&oldList, &newList}, {&changed, &expired}); }
 };
 
-int Run::execute(int maxExpirePercent)
+int Run::execute(int maxExpirePercent, bool progressWanted)
 {
     if (maxExpirePercent < -1)
         return -1;
@@ -208,6 +208,8 @@ int Run::execute(int maxExpirePercent)
         || openOutput(changed, changedFile) != 0 || openOutput(expired, expiredFile) != 0)
         return -1;
     MigrationDiff diff(changed.get(), expired.get(), oldSide, newSide, counts);
+    ProgressLine progress = mergeProgress("clustermigdiff", oldList, newList, progressWanted);
+    diff.showProgress(&progress);
     return diff.run(maxExpirePercent);
 }
 
@@ -218,8 +220,9 @@ int clusterMigDiff(const char* oldListFile, const char* newListFile, const char*
 {
     // The run's whole environment, read once at its start.
     const char* maxExpirePercentText = std::getenv("QUENBY_MAX_EXPIRE_PERCENT");
+    const bool progress = ProgressLine::wanted(std::getenv("QUENBY_PROGRESS"));
     Run run{oldListFile, newListFile, changedFile, expiredFile, {}, {}, {}, {}, {}};
-    int result = run.execute(maxExpirePercentSetting("CLUSTERMIGDIFF", maxExpirePercentText));
+    int result = run.execute(maxExpirePercentSetting("CLUSTERMIGDIFF", maxExpirePercentText), progress);
     result = run.close(result);
     return printMergeResult("CLUSTERMIGDIFF", result, run.counts);
 }

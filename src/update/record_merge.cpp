@@ -24,6 +24,11 @@ int RecordMerge::run(int maxExpirePercent)
 
 int RecordMerge::merge()
 {
+    // Each list is read and parsed on a core of its own while this one
+    // merges and writes; without a thread the reading stays here.
+    old_.reader.readAhead();
+    if (withNewList_)
+        new_.reader.readAhead();
     if (int rc = readOld(true))
         return rc;
     if (withNewList_) {
@@ -69,6 +74,9 @@ int RecordMerge::readRecord(MergeSide& side, bool readingRules, bool noMoreOldSt
             return -1;
         }
         side.lastIno = rec.ino;
+        if (progress_ != nullptr)
+            progress_->tick(static_cast<uint64_t>(old_.records + new_.records),
+                            old_.reader.source().bytesRead() + new_.reader.source().bytesRead());
         if (readingRules && rc == PDR_UNSUPPORTED && setAsideUnsupported(rec, noMoreOldStage))
             continue;
         if (readingRules && rc == PDR_INTERNAL) {

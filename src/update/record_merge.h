@@ -9,6 +9,7 @@
 #include "support/line_source.h"
 #include "support/file_stream.h"
 #include "support/output_file.h"
+#include "support/progress.h"
 
 #include <initializer_list>
 #include <utility>
@@ -51,6 +52,9 @@ public:
     // With `maxExpirePercent` 0 to 100, a run that would expire more than
     // that share of the old records fails at the end.
     int run(int maxExpirePercent = -1);
+
+    // Ticks `progress` with the records and bytes read as the merge goes.
+    void showProgress(ProgressLine* progress) { progress_ = progress; }
 
 protected:
     int merge();
@@ -96,12 +100,20 @@ protected:
     MergeSide& old_;
     MergeSide& new_;
     MergeCounts& counts_;
+    ProgressLine* progress_ = nullptr;
 };
 
 // Closes the run's inputs, then puts each output in place when the run has
 // succeeded so far, or drops it; each failing close lowers the result by
 // one. The run's result.
 int closeRunFiles(int result, std::initializer_list<LineSource*> inputs, std::initializer_list<OutputFile*> outputs);
+
+// The run's progress line over the bytes of both lists; shown only when
+// `wanted` (standard error a terminal, QUENBY_PROGRESS not 0).
+inline ProgressLine mergeProgress(const char* label, const LineSource& oldList, const LineSource& newList, bool wanted)
+{
+    return ProgressLine(label, oldList.size() + newList.size(), wanted);
+}
 
 // Opens a list to read; false after `failFormat`'s message (the path and
 // the error code).

@@ -71,6 +71,7 @@ struct Settings {
     const char* backupDirEnv = nullptr;
     // Judged after the argument and mode checks, where its message belongs.
     const char* maxExpirePercentText = nullptr;
+    bool progress = false; // the progress line on a terminal
 };
 
 // The run's whole environment, read once at its start.
@@ -83,6 +84,7 @@ Settings readSettings()
     s.backupDirEnv = std::getenv("KESTREL_BACKUPDIR");
     s.backupOnly = envNumber("KESTREL_DO_BACKUP_ONLY") == 1;
     s.maxExpirePercentText = std::getenv("QUENBY_MAX_EXPIRE_PERCENT");
+    s.progress = ProgressLine::wanted(std::getenv("QUENBY_PROGRESS"));
     return s;
 }
 
@@ -727,6 +729,8 @@ int Run::execute()
     if (int rc = writeHeader(startTime, writePos))
         return rc;
     ShadowMerge merge(settings, files, newShadowFile, oldSide, newSide, writePos, counts);
+    ProgressLine progress = mergeProgress("updateshadow", files.oldShadow, files.list, settings.progress);
+    merge.showProgress(&progress);
     return merge.run(maxExpirePercent);
 }
 

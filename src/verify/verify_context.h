@@ -28,6 +28,7 @@ struct VerifyContext {
     const char* shadowFile = nullptr;
     const char* sortDirectory = nullptr;
     const char* sortCommand = nullptr; // KESTREL_SORT_OPTIONS
+    bool progressWanted = false;       // QUENBY_PROGRESS, and a terminal
     LineSource shadow;
     LineSource list; // the prep list of the list walk
     StdioFile report;

@@ -6,6 +6,7 @@
 #include "records/shadow_header.h"
 #include "support/file_open.h"
 #include "support/output_file.h"
+#include "support/progress.h"
 #include "support/sys_call.h"
 #include "verify/verify_query.h"
 
@@ -43,6 +44,7 @@ public:
     int run();
 
 private:
+    int walk();
     int readList();
     int readShadow() { return v_.readShadow(); }
     void pendingCheck();
@@ -54,6 +56,8 @@ private:
     int listDrain();
 
     VerifyContext& v_;
+    ProgressLine* progress_ = nullptr;
+    uint64_t listRecords_ = 0;
     RecordReader list_{v_.list};
     Record listRec_;
     bool listAtEnd_ = false;
@@ -68,6 +72,8 @@ int ListWalk::readList()
         listAtEnd_ = list_.atEnd();
         if (rc < 0 || listAtEnd_)
             return rc < 0 ? rc : 0;
+        if (progress_ != nullptr)
+            progress_->tick(++listRecords_, v_.shadow.bytesRead() + v_.list.bytesRead());
         if (rc == PDR_UNSUPPORTED) {
             ++v_.counts.unsupported;
             continue;
@@ -165,7 +171,22 @@ bool ListWalk::examine()
     return true;
 }
 
+// Both files are read and parsed ahead, each on a thread of its own, for
+// the walk only: the files are closed after it.
 int ListWalk::run()
+{
+    v_.shadowReader.readAhead();
+    list_.readAhead();
+    ProgressLine progress("verifyshadow", v_.shadow.size() + v_.list.size(), v_.progressWanted);
+    progress_ = &progress;
+    int rc = walk();
+    progress_ = nullptr;
+    v_.shadowReader.stopReadAhead();
+    list_.stopReadAhead();
+    return rc;
+}
+
+int ListWalk::walk()
 {
     Record& s = v_.shadowRec;
     Record& l = listRec_;
@@ -387,6 +408,7 @@ int verifyShadow(const char* shadowFile, const char* prepListFile, const char* o
     v.shadowFile = shadowFile;
     v.sortDirectory = sortDirectory;
     v.sortCommand = sortCommand;
+    v.progressWanted = ProgressLine::wanted(std::getenv("QUENBY_PROGRESS"));
     ListWalk walk(v);
     char sortedName[kNameSize];
     char pathName[kNameSize]; // the unsorted index the sort step writes first

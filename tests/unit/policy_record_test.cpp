@@ -150,3 +150,32 @@ TEST(RecordScan, MatchesSscanf)
 }
 
 } // namespace
+
+// Reading ahead on a thread gives what reading here gives, message for message: across blocks,
+// a line longer than a block, header lines, and the malformed record that stops the list.
+TEST(ReadPolicyRecord, ReadAheadMatchesReadingHere)
+{
+    std::string text = testutil::kDbHeader;
+    for (unsigned i = 0; i < 20000; ++i)
+        text += testutil::record({.ino = i, .path = "/fs/" + std::string(i % 300, 'p')})
+                + (i == 7000 ? testutil::kDbHeader + pdr(std::string(3 << 20, 'L')) : "");
+    text += "0:0:1:1:0:0:0\n" + pdr("after");
+    auto readAll = [&](bool ahead) {
+        Reader r(text);
+        if (ahead) {
+            EXPECT_TRUE(r.reader.readAhead());
+        }
+        std::string got;
+        const std::string err = testutil::stderrOf([&] {
+            for (int rc = 0; rc == 0 && !r.reader.atEnd();) {
+                rc = r.read();
+                got += std::to_string(rc) + " " + std::to_string(r.rec.ino) + " " + std::to_string(r.rec.lineNumber)
+                       + " " + std::string(r.rec.path.substr(0, 9)) + " " + std::to_string(r.rec.length) + "\n";
+            }
+        });
+        return got + err;
+    };
+    const std::string here = readAll(false);
+    EXPECT_NE(here.find("failed to parse shadow line [1]0:0:1:1:0:0:0"), std::string::npos);
+    EXPECT_EQ(readAll(true), here);
+}
