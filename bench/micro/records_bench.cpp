@@ -1,24 +1,22 @@
-// Reading scan-list records: readPolicyRecord through a stream (in memory,
-// and from a file with the program's sequential buffer), and the parse of a
-// line already in memory. One iteration is one pass over the whole list;
-// items/s is records per second.
-#include "records/policy_record.h"
+// Reading scan-list records with the record reader: from a file read here,
+// from a file read ahead on a second thread, and the parse of a line
+// already in memory. One iteration is one pass over the whole list;
+// items/s is records per second (on the reading core for "here").
+#include "records/record_reader.h"
 #include "sample_data.h"
-#include "support/file_stream.h"
 
 #include <benchmark/benchmark.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <vector>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
-// About 7 MB of text: more than the caches hold, as a real list is.
-constexpr size_t kRecords = 50000;
+// About 30 MB of text: more than the caches hold, as a real list is.
+constexpr size_t kRecords = 200000;
 
 const SampleList& sampleList()
 {
@@ -26,137 +24,98 @@ const SampleList& sampleList()
     return list;
 }
 
-struct ReaderBuffers {
-    HeapBuf line, path, show;
-    uint64_t ino = 0, gen = 0;
-    char* filesetName = nullptr;
-    char* hsmState = nullptr;
-    unsigned int endOfFile = 0;
-    int state = 0, escapedPath = 0;
-
-    bool allocate()
-    {
-        return line.allocate(PDR_LINE_BUF_SIZE) && path.allocate(PDR_PATH_BUF_SIZE) && show.allocate(PDR_SHOW_BUF_SIZE);
-    }
-
-    int read(FILE* stream)
-    {
-        return readPolicyRecord(stream, &line.ptr, &line.size, &ino, &gen, &path.ptr, &path.size, &show.ptr,
-                                &show.size, &filesetName, &hsmState, &endOfFile, &state, &escapedPath);
-    }
-
-    int parse(char* text, size_t len)
-    {
-        return parsePolicyRecordLine(text, len, static_cast<int>(len + 1), &ino, &gen, &path.ptr, &path.size,
-                                     &show.ptr, &show.size, &filesetName, &hsmState, &state, &escapedPath);
-    }
-
-    // Whether the outputs are those of `rec`.
-    bool holds(const SampleRecord& rec) const
-    {
-        return ino == rec.ino && rec.path == path.ptr && filesetName != nullptr && rec.fileset == filesetName
-               && hsmState != nullptr && rec.hsmState == hsmState;
-    }
-};
-
-enum class Source { Memory, File };
-
-// Reads the whole list once, checking every record; the error text, or null.
-const char* readAllChecked(FILE* stream, ReaderBuffers& buf)
+bool holds(const Record& rec, const SampleRecord& want)
 {
-    const SampleList& list = sampleList();
-    for (const SampleRecord& rec : list.records) {
-        if (buf.read(stream) != 0 || buf.endOfFile != 0)
-            return "a record was not read";
-        if (!buf.holds(rec))
-            return "a record was read wrong";
-    }
-    if (buf.read(stream) != 0 || buf.endOfFile != 1)
-        return "no end of file after the last record";
-    return nullptr;
+    return rec.ino == want.ino && rec.path == want.path && rec.fileset == want.fileset
+           && rec.hsmState == want.hsmState;
 }
 
-void BM_readPolicyRecord(benchmark::State& state, Source source)
+// The list in a file that is gone once its descriptor is closed; -1 on failure.
+int listFile()
 {
     const SampleList& list = sampleList();
-    std::string text = list.text;
-    StdioFile file;
-    if (source == Source::Memory) {
-        file = StdioFile(fmemopen(text.data(), text.size(), "r"));
-    } else {
-        // The file goes away at the close; the page cache keeps its data.
-        const char* dir = std::getenv("TMPDIR");
-        std::string path = std::string(dir != nullptr && *dir != '\0' ? dir : "/tmp") + "/quenby_micro.XXXXXX";
-        int fd = mkstemp(path.data());
-        bool written = fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    const char* dir = std::getenv("TMPDIR");
+    std::string path = std::string(dir != nullptr && *dir != '\0' ? dir : "/tmp") + "/quenby_micro.XXXXXX";
+    int fd = mkstemp(path.data());
+    if (fd < 0)
+        return -1;
+    unlink(path.c_str());
+    if (write(fd, list.text.data(), list.text.size()) != static_cast<ssize_t>(list.text.size())) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// One pass over the list in `fd`; the records read, or 0 when one was
+// read wrong (checked only when `check`).
+size_t readPass(int fd, bool ahead, bool check, uint64_t& inoSum)
+{
+    const SampleList& list = sampleList();
+    LineSource source;
+    if (lseek(fd, 0, SEEK_SET) != 0)
+        return 0;
+    source.attach(fd);
+    RecordReader reader(source);
+    if (ahead && !reader.readAhead())
+        return 0;
+    Record rec;
+    size_t records = 0;
+    while (reader.next(rec) == 0 && !reader.atEnd()) {
+        if (check && (records >= list.records.size() || !holds(rec, list.records[records])))
+            return 0;
+        inoSum += rec.ino;
+        ++records;
+    }
+    return records;
+}
+
+void BM_RecordReader(benchmark::State& state, bool ahead)
+{
+    const SampleList& list = sampleList();
+    int fd = listFile();
+    uint64_t inoSum = 0;
+    if (fd < 0 || readPass(fd, ahead, true, inoSum) != list.records.size()) {
+        state.SkipWithError("the list was not read right");
         if (fd >= 0)
             close(fd);
-        if (written)
-            openSequential(file, path.c_str(), "r", "quenby_micro: cannot open %s (%d)\n");
-        if (fd >= 0)
-            unlink(path.c_str());
-    }
-    ReaderBuffers buf;
-    if (!file || !buf.allocate()) {
-        state.SkipWithError("cannot open the record stream");
         return;
     }
-    if (const char* error = readAllChecked(file.get(), buf)) {
-        state.SkipWithError(error);
-        return;
-    }
-
     for (auto _ : state) {
-        std::rewind(file.get());
-        size_t records = 0;
-        uint64_t inoSum = 0;
-        while (buf.read(file.get()) == 0 && buf.endOfFile == 0) {
-            ++records;
-            inoSum += buf.ino;
-        }
-        if (records != list.records.size() || inoSum != list.inoSum || buf.endOfFile != 1) {
+        inoSum = 0;
+        if (readPass(fd, ahead, false, inoSum) != list.records.size() || inoSum != list.inoSum) {
             state.SkipWithError("the pass did not read every record");
             break;
         }
     }
+    close(fd);
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * list.records.size()));
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * list.text.size()));
 }
-BENCHMARK_CAPTURE(BM_readPolicyRecord, fmemopen, Source::Memory)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_readPolicyRecord, tmpfile, Source::File)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_RecordReader, here, false)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK_CAPTURE(BM_RecordReader, ahead, true)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-void BM_parsePolicyRecordLine(benchmark::State& state)
+void BM_parseRecord(benchmark::State& state)
 {
     const SampleList& list = sampleList();
-    // Each line NUL-terminated, as the reader leaves it in its buffer.
-    struct Span {
-        size_t start, len;
-    };
+    // Each line NUL-terminated, as the line source leaves it.
     std::string lines;
-    std::vector<Span> spans;
+    std::vector<size_t> starts;
     for (const SampleRecord& rec : list.records) {
-        spans.push_back({lines.size(), rec.line.size()});
+        starts.push_back(lines.size());
         lines += rec.line;
         lines += '\0';
     }
-    ReaderBuffers buf;
-    if (!buf.allocate()) {
-        state.SkipWithError("cannot allocate the buffers");
-        return;
-    }
-    for (size_t i = 0; i < spans.size(); ++i) {
-        if (buf.parse(lines.data() + spans[i].start, spans[i].len) != 0 || !buf.holds(list.records[i])) {
-            state.SkipWithError("a line was parsed wrong");
-            return;
-        }
-    }
-
+    const ReaderOptions options;
     for (auto _ : state) {
         uint64_t inoSum = 0;
         bool failed = false;
-        for (const Span& span : spans) {
-            failed |= buf.parse(lines.data() + span.start, span.len) != 0;
-            inoSum += buf.ino;
+        for (size_t i = 0; i < starts.size(); ++i) {
+            Record rec;
+            rec.line = lines.data() + starts[i];
+            rec.length = list.records[i].line.size();
+            failed |= parseRecord(rec, PDR_LINE_BUF_SIZE, options, nullptr) != 0;
+            inoSum += rec.ino;
         }
         if (failed || inoSum != list.inoSum) {
             state.SkipWithError("a line was not parsed");
@@ -166,6 +125,6 @@ void BM_parsePolicyRecordLine(benchmark::State& state)
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * list.records.size()));
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * list.text.size()));
 }
-BENCHMARK(BM_parsePolicyRecordLine)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_parseRecord)->Unit(benchmark::kMillisecond);
 
 } // namespace
