@@ -174,7 +174,6 @@ struct Files {
     // The scan records the index points at, read where they stand.
     LineSource scan{{.access = LineSource::Access::positioned, .blockSize = 8 * 1024}};
     RecordFetch scanRecords{scan, {.classify = false}};
-    FetchAhead scanAhead{scanRecords};
     OutputFile out; // put in place only when the whole run succeeded
     BlockWriter outBlocks; // what is written to `out`
 };
@@ -191,12 +190,7 @@ public:
 private:
     int readQuery() { return readQueryRecord(f_.query, queryRoom_, &query_, &queryEof_); }
     int nextQuery(bool inTail);
-    int readIndex()
-    {
-        int rc = readIndexFile(f_.index, &index_, &indexEof_);
-        f_.scanAhead.follow(f_.index);
-        return rc;
-    }
+    int readIndex() { return readIndexFile(f_.index, &index_, &indexEof_); }
     int writeServerOnly();
     int writeMergedRecord();
     int fetchScanRecord();
@@ -317,7 +311,7 @@ int Rebuild::writeServerOnly()
 int Rebuild::fetchScanRecord()
 {
     bool eof = false;
-    int got = f_.scanRecords.recordAt(index_.offset, scanRecord_, eof);
+    int got = f_.scanRecords.recordOf(f_.index.linesRead(), index_.offset, scanRecord_, eof);
     if (got == RecordReader::kReadFailed) {
         std::fprintf(stderr, "quenby: writeMergedRecord: fseek for scan file fail at offset=%lld, err=%d\n",
                      index_.offset, portableErrnoNonZero());
@@ -400,7 +394,7 @@ int openAndWalk(Files& files, const char* qbsFile, const char* sortedName, const
         || openInput(files.scan, fsListFile, "quenby: fopen fs scan") != 0)
         return -3;
     files.scanRecords.map();
-    files.scanAhead.open(sortedName);
+    files.scanRecords.follow(sortedName);
     if (files.out.open(outShadow, OutputFile::Mode::replace) != 0) {
         systemError("quenby: fopen out shadow");
         std::fprintf(stderr, "quenby: rebuildShadow: could not open %s\n", outShadow);

@@ -1,6 +1,5 @@
 #include "rebuild/record_fetch.h"
 
-#include "records/scanf_cursor.h"
 #include "support/sys_call.h"
 
 #include <cerrno>
@@ -29,8 +28,15 @@ void RecordFetch::map()
     size_ = static_cast<size_t>(st.st_size);
 }
 
+void RecordFetch::follow(const char* indexPath)
+{
+    if (map_ != nullptr)
+        copier_.start(indexPath, map_, size_);
+}
+
 int RecordFetch::close()
 {
+    copier_.stop();
     if (map_ == nullptr)
         return 0;
     void* at = const_cast<char*>(map_);
@@ -67,38 +73,28 @@ int RecordFetch::recordAt(offset_t offset, Record& rec, bool& eof)
         std::memcpy(line_, map_ + at, span);
         line_[span] = '\0';
         if (!isShadowHeaderLine(line_))
-            return take(offset, span, rec);
+            return take(line_, offset, span, rec);
         offset += static_cast<offset_t>(span);
     }
 }
 
-// As the reader takes a line: the same views and the same messages.
-int RecordFetch::take(offset_t offset, size_t span, Record& rec)
+int RecordFetch::recordOf(uint64_t lineNumber, offset_t offset, Record& rec, bool& eof)
 {
-    rec.line = line_;
-    rec.length = textLength(line_, span);
+    size_t span = 0;
+    char* line = map_ != nullptr ? copier_.take(lineNumber, offset, span) : nullptr;
+    if (line == nullptr || isShadowHeaderLine(line))
+        return recordAt(offset, rec, eof);
+    eof = false;
+    return take(line, offset, span, rec);
+}
+
+// As the reader takes a line: the same views and the same messages.
+int RecordFetch::take(char* line, offset_t offset, size_t span, Record& rec)
+{
+    rec.line = line;
+    rec.length = textLength(line, span);
     rec.offset = offset;
     while (span + 1 > lineBufferSize_)
         lineBufferSize_ *= 2;
     return parseRecord(rec, lineBufferSize_, options_, stderr);
-}
-
-void FetchAhead::follow(const LineSource& walk)
-{
-    while (open_ && lines_.linesRead() < walk.linesRead() + kDistance) {
-        LineView line;
-        if (lines_.next(line) <= 0) {
-            open_ = false;
-            return;
-        }
-        // The 16 digits of the offset; anything else is no offset to load.
-        uint64_t offset = 0;
-        size_t i = 0;
-        for (int digit; i < 16 && i < line.length
-                        && (digit = scanf_detail::digits.value[static_cast<unsigned char>(line.text[i])]) >= 0;
-             ++i)
-            offset = offset << 4 | static_cast<uint64_t>(digit);
-        if (i == 16)
-            fetch_.prefetch(static_cast<offset_t>(offset));
-    }
 }

@@ -27,8 +27,8 @@ public:
         shadowAt_.attach(v.shadow.fd());
         shadowRecords_.map();
     }
-    // Reads the index at `indexName` ahead of the walk too.
-    void prefetchFrom(const char* indexName) { ahead_.open(indexName); }
+    // Copies the records of the index at `indexName` ahead of the walk.
+    void follow(const char* indexName) { shadowRecords_.follow(indexName); }
     int run();
 
 private:
@@ -47,7 +47,6 @@ private:
     {
         fetched_ = false;
         int rc = readIndexFile(index_, &indexLine_, &indexEof_);
-        ahead_.follow(index_);
         if (rc != 0)
             std::fputs("quenby: verifyShadow: failed reading sorted shadow record\n", stderr);
         return rc;
@@ -70,7 +69,6 @@ private:
     // The shadow records the index points at, read where they stand.
     LineSource shadowAt_{{.access = LineSource::Access::positioned, .blockSize = 8 * 1024}};
     RecordFetch shadowRecords_{shadowAt_, {}};
-    FetchAhead ahead_{shadowRecords_};
     QueryOrder order_;
     const char* queryLine_ = "";
     QueryPathRoom queryRoom_;
@@ -86,7 +84,7 @@ private:
 int QueryWalk::fetch(int* readerResult)
 {
     bool eof = false;
-    int got = shadowRecords_.recordAt(indexLine_.offset, v_.shadowRec, eof);
+    int got = shadowRecords_.recordOf(index_.linesRead(), indexLine_.offset, v_.shadowRec, eof);
     if (got == RecordReader::kReadFailed) {
         std::fprintf(stderr, "quenby: verifyShadow: cannot seek to offset %lld of shadow file, err=%d\n",
                      indexLine_.offset, -1);
@@ -228,7 +226,7 @@ int verifyQueryWalk(VerifyContext& v, const char* qbsQueryFile, const char* sort
             return -1;
         }
     QueryWalk walk(v, index, query, qbsQueryFile);
-    walk.prefetchFrom(sortedIndexName);
+    walk.follow(sortedIndexName);
     rc = walk.run();
     if (rc != 0)
         return rc;
