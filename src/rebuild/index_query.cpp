@@ -27,6 +27,72 @@ bool queryWord(ScanfCursor& in, char* out)
     return true;
 }
 
+// One plain number: a sign when `sign`, then 1 to `digits` digits and no
+// more; what "%d" and "%lld" make of it, without their corners.
+bool plainNumber(const char*& p, int digits, bool sign, long long& out)
+{
+    const bool negative = sign && *p == '-';
+    const char* start = p + (negative ? 1 : 0);
+    const char* q = start;
+    long long value = 0;
+    while (*q >= '0' && *q <= '9' && q - start < digits)
+        value = value * 10 + (*q++ - '0');
+    if (q == start || (*q >= '0' && *q <= '9'))
+        return false;
+    p = q;
+    out = negative ? -value : value;
+    return true;
+}
+
+// One word of at most 11 bytes and the single blank after it.
+bool plainWord(const char*& p, char* out)
+{
+    size_t n = 0;
+    while (n <= kQueryWordMax && p[n] != '\0' && !scanf_detail::cSpace(static_cast<unsigned char>(p[n])))
+        ++n;
+    if (n == 0 || n > kQueryWordMax || p[n] != ' ')
+        return false;
+    std::memcpy(out, p, n);
+    out[n] = '\0';
+    p += n + 1;
+    return true;
+}
+
+// The fields of a query line as the driver writes them: single blanks,
+// plain numbers, the path length right before the "!". False for anything
+// else, which the full conversion then reads.
+bool plainQueryFields(const char* p, queryRecord* rec, int* pathLen)
+{
+    queryRecord got = *rec;
+    long long attr = 0, size = 0, length = 0;
+    if (!plainNumber(p, 9, true, attr) || *p++ != ' ' || !plainWord(p, got.mtimeDate) || !plainWord(p, got.mtimeTime)
+        || !plainWord(p, got.ctimeDate) || !plainWord(p, got.ctimeTime) || !plainNumber(p, 18, true, size)
+        || *p++ != ' ' || !plainNumber(p, 9, false, length) || *p != '!')
+        return false;
+    got.attrFlag = static_cast<int>(attr);
+    got.fileSize = size;
+    *rec = got;
+    *pathLen = static_cast<int>(length);
+    return true;
+}
+
+// The fields by the full conversion of "%d %s %s %s %s %lld %d".
+bool scannedQueryFields(const char* line, queryRecord* rec, int* pathLen)
+{
+    ScanfCursor in(line);
+    bool parsed = in.number(-1, false);
+    if (parsed)
+        rec->attrFlag = in.asInt();
+    parsed = parsed && queryWord(in, rec->mtimeDate) && queryWord(in, rec->mtimeTime) && queryWord(in, rec->ctimeDate)
+             && queryWord(in, rec->ctimeTime) && in.number(-1, false);
+    if (parsed)
+        rec->fileSize = in.asLongLong();
+    parsed = parsed && in.number(-1, false);
+    if (parsed)
+        *pathLen = in.asInt();
+    return parsed;
+}
+
 } // namespace
 
 int readIndexFile(LineSource& source, IndexLine* out, unsigned int* eof)
@@ -89,18 +155,8 @@ int readQueryRecord(LineSource& source, QueryPathRoom& room, queryRecord* rec, u
     if (quenby_debug > 4)
         std::fprintf(stderr, "quenby:readQueryRecord: lineP=%s", line);
 
-    ScanfCursor in(line);
     int pathLen = -1;
-    bool parsed = in.number(-1, false);
-    if (parsed)
-        rec->attrFlag = in.asInt();
-    parsed = parsed && queryWord(in, rec->mtimeDate) && queryWord(in, rec->mtimeTime) && queryWord(in, rec->ctimeDate)
-             && queryWord(in, rec->ctimeTime) && in.number(-1, false);
-    if (parsed)
-        rec->fileSize = in.asLongLong();
-    parsed = parsed && in.number(-1, false);
-    if (parsed)
-        pathLen = in.asInt();
+    const bool parsed = plainQueryFields(line, rec, &pathLen) || scannedQueryFields(line, rec, &pathLen);
     if (!parsed || pathLen < 0) {
         std::fprintf(stderr, "quenby: readQueryRecord: failed to parse query record line [%s]\n", line);
         return -1;
