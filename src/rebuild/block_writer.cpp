@@ -1,16 +1,20 @@
 #include "rebuild/block_writer.h"
 
+#include "support/file_stream.h"
 #include "support/sys_call.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <cstdlib>
 #include <cstring>
 #include <system_error>
 #include <utility>
 
-bool BlockWriter::start(FILE* out)
+bool BlockWriter::start(FILE* out, bool writeBack)
 {
     finish();
+    writeBack_ = writeBack;
+    written_ = writtenBack_ = 0;
     block_ = static_cast<char*>(std::malloc(kBlockSize));
     spare_ = static_cast<char*>(std::malloc(kBlockSize));
     if (block_ != nullptr && spare_ != nullptr) {
@@ -72,12 +76,29 @@ void BlockWriter::run()
         lock.unlock();
         const bool written = sysFwrite(spare_, bytes, out_) == bytes;
         const int err = errno;
+        if (written)
+            startWriteBack(bytes);
         lock.lock();
         if (!written && error_ == 0)
             error_ = err != 0 ? err : EIO;
         pending_ = 0;
         changed_.notify_all();
     }
+}
+
+// Starts the write-back of what the stream has passed on, every 8 MiB: a
+// hint, whose failure (a pipe, say) changes nothing.
+void BlockWriter::startWriteBack(size_t bytes)
+{
+    constexpr uint64_t kStep = 8 << 20;
+    written_ += bytes;
+    // The stream may still hold up to its buffer's worth.
+    const uint64_t passed = written_ > SEQUENTIAL_BUFFER_SIZE ? written_ - SEQUENTIAL_BUFFER_SIZE : 0;
+    if (!writeBack_ || passed < writtenBack_ + kStep)
+        return;
+    sync_file_range(fileno(out_), static_cast<off_t>(writtenBack_), static_cast<off_t>(passed - writtenBack_),
+                    SYNC_FILE_RANGE_WRITE);
+    writtenBack_ = passed;
 }
 
 int BlockWriter::finish()

@@ -5,6 +5,7 @@
 
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <mutex>
 #include <string_view>
@@ -20,18 +21,11 @@ public:
     BlockWriter& operator=(const BlockWriter&) = delete;
 
     // Writes to `out` from now on; false (ENOMEM) when the blocks or the
-    // thread cannot be had.
-    bool start(FILE* out);
+    // thread cannot be had. `writeBack`: the written data goes on its way
+    // to the disk as the run goes on, so that the sync at its end finds
+    // little left to do.
+    bool start(FILE* out, bool writeBack = false);
 
-    // Room for `n` bytes (n <= kBlockSize) at the end of the block, or null
-    // (errno set) once a write has failed. The bytes count when added().
-    char* room(size_t n)
-    {
-        if (used_ + n > kBlockSize && !handOff())
-            return nullptr;
-        return block_ + used_;
-    }
-    void added(size_t n) { used_ += n; }
     // False (errno set) once a write has failed: every later byte is dropped.
     bool put(std::string_view text);
 
@@ -42,8 +36,12 @@ public:
 private:
     bool handOff();
     void run();
+    void startWriteBack(size_t bytes);
 
     FILE* out_ = nullptr;
+    bool writeBack_ = false;
+    uint64_t written_ = 0;     // bytes handed to `out`
+    uint64_t writtenBack_ = 0; // bytes whose write-back was started
     char* block_ = nullptr; // being filled
     char* spare_ = nullptr; // being written, or free
     size_t used_ = 0;

@@ -400,7 +400,7 @@ int openAndWalk(Files& files, const char* qbsFile, const char* sortedName, const
         std::fprintf(stderr, "quenby: rebuildShadow: could not open %s\n", outShadow);
         return -4;
     }
-    if (!files.outBlocks.start(files.out.get())) {
+    if (!files.outBlocks.start(files.out.get(), true)) {
         std::fputs("quenby: rebuildShadow: failed to allocate memory\n", stderr);
         return -1;
     }
