@@ -4,6 +4,7 @@
 #include "support/sys_call.h"
 
 #include <cerrno>
+#include <pthread.h>
 #include <fcntl.h>
 #include <cstdlib>
 #include <cstring>
@@ -23,6 +24,7 @@ bool BlockWriter::start(FILE* out, bool writeBack)
         error_ = 0;
         try {
             thread_ = std::thread(&BlockWriter::run, this);
+            pthread_setname_np(thread_.native_handle(), "quenby-write"); // for ps and perf
             return true;
         } catch (const std::system_error&) {
         }
