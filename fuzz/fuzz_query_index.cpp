@@ -5,26 +5,24 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    HeapBuf path;
-    if (!path.allocate(4))
-        return 0;
     {
         fuzz::PieceReader input{data, size, 5};
         LineSource source({.blockSize = 8});
         source.attachReader(&fuzz::PieceReader::read, &input);
         queryRecord rec{};
+        QueryPathRoom room{4};
         unsigned int eof = 0;
         for (int i = 0; i < 64 && !eof; ++i)
-            if (readQueryRecord(source, &path.ptr, &path.size, &rec, &eof) != 0)
+            if (readQueryRecord(source, room, &rec, &eof) != 0)
                 break;
     }
     fuzz::PieceReader input{data, size, 5};
     LineSource source({.blockSize = 8});
     source.attachReader(&fuzz::PieceReader::read, &input);
-    long long offset = 0;
+    IndexLine line;
     unsigned int eof = 0;
     for (int i = 0; i < 64 && !eof; ++i)
-        if (readIndexFile(source, &path.ptr, &path.size, &offset, &eof) != 0)
+        if (readIndexFile(source, &line, &eof) != 0)
             break;
     return 0;
 }

@@ -1,5 +1,6 @@
 #include "rebuild/external_sort.h"
 
+#include "rebuild/block_writer.h"
 #include "records/record_reader.h"
 
 #include "records/policy_record.h"
@@ -21,7 +22,6 @@ const char* predefinedSortCommand = "LC_ALL=C /bin/sort";
 namespace {
 
 constexpr int kIndexNameSize = 4112;
-constexpr size_t kStreamBufferSize = 1 << 20;
 constexpr size_t kSortOptionsMax = 4096;
 
 // F1:F2:000000000000000d:-0x1:0:F6:F7:0 from the first record's fields.
@@ -116,7 +116,7 @@ namespace {
 
 // One index line per record of `list`: its offset, 16 hexadecimal digits,
 // and its path. The first record also gives the expire data.
-int writePathIndex(LineSource& list, FILE* index, const char* indexName, char** expireData)
+int writePathIndex(LineSource& list, BlockWriter& index, const char* indexName, char** expireData)
 {
     RecordReader reader(list, {.classify = false});
     Record rec;
@@ -135,9 +135,7 @@ int writePathIndex(LineSource& list, FILE* index, const char* indexName, char** 
         for (int i = 15; i >= 0; --i, value >>= 4)
             head[i] = "0123456789abcdef"[value & 0xf];
         head[16] = ' ';
-        const size_t pathLen = rec.path.size();
-        if (sysFwrite(head, 17, index) != 17 || sysFwrite(rec.path.data(), pathLen, index) != pathLen
-            || sysFwrite("\n", 1, index) != 1) {
+        if (!index.put({head, sizeof head}) || !index.put(rec.path) || !index.put("\n")) {
             std::fprintf(stderr, "quenby rebuildshadow: write to %s fail err=%d\n", indexName, portableErrnoNonZero());
             return -1;
         }
@@ -148,6 +146,10 @@ int writePathIndex(LineSource& list, FILE* index, const char* indexName, char** 
                 return -6;
             *expireData = data;
         }
+    }
+    if (index.finish() != 0) {
+        std::fprintf(stderr, "quenby rebuildshadow: write to %s fail err=%d\n", indexName, portableErrnoNonZero());
+        return -1;
     }
     return 0;
 }
@@ -182,9 +184,13 @@ int sortPDRListByPathname(const char* listFile, const char* sortedFile, char** e
         return -1;
     }
     StdioFile index(stream);
-    index.setBuffer(kStreamBufferSize);
-
-    if (int rc = writePathIndex(list, index.get(), indexName, expireData))
+    // Written by a thread of its own while this one reads the list.
+    BlockWriter indexBlocks;
+    if (!indexBlocks.start(index.get())) {
+        std::fputs("quenby: sortPDRListByPathname: failed to allocate memory\n", stderr);
+        return -1;
+    }
+    if (int rc = writePathIndex(list, indexBlocks, indexName, expireData))
         return rc;
     if (index.close() != 0)
         systemError("quenby: fclose tmp shadow file");

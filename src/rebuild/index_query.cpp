@@ -27,9 +27,75 @@ bool queryWord(ScanfCursor& in, char* out)
     return true;
 }
 
+// One plain number: a sign when `sign`, then 1 to `digits` digits and no
+// more; what "%d" and "%lld" make of it, without their corners.
+bool plainNumber(const char*& p, int digits, bool sign, long long& out)
+{
+    const bool negative = sign && *p == '-';
+    const char* start = p + (negative ? 1 : 0);
+    const char* q = start;
+    long long value = 0;
+    while (*q >= '0' && *q <= '9' && q - start < digits)
+        value = value * 10 + (*q++ - '0');
+    if (q == start || (*q >= '0' && *q <= '9'))
+        return false;
+    p = q;
+    out = negative ? -value : value;
+    return true;
+}
+
+// One word of at most 11 bytes and the single blank after it.
+bool plainWord(const char*& p, char* out)
+{
+    size_t n = 0;
+    while (n <= kQueryWordMax && p[n] != '\0' && !scanf_detail::cSpace(static_cast<unsigned char>(p[n])))
+        ++n;
+    if (n == 0 || n > kQueryWordMax || p[n] != ' ')
+        return false;
+    std::memcpy(out, p, n);
+    out[n] = '\0';
+    p += n + 1;
+    return true;
+}
+
+// The fields of a query line as the driver writes them: single blanks,
+// plain numbers, the path length right before the "!". False for anything
+// else, which the full conversion then reads.
+bool plainQueryFields(const char* p, queryRecord* rec, int* pathLen)
+{
+    queryRecord got = *rec;
+    long long attr = 0, size = 0, length = 0;
+    if (!plainNumber(p, 9, true, attr) || *p++ != ' ' || !plainWord(p, got.mtimeDate) || !plainWord(p, got.mtimeTime)
+        || !plainWord(p, got.ctimeDate) || !plainWord(p, got.ctimeTime) || !plainNumber(p, 18, true, size)
+        || *p++ != ' ' || !plainNumber(p, 9, false, length) || *p != '!')
+        return false;
+    got.attrFlag = static_cast<int>(attr);
+    got.fileSize = size;
+    *rec = got;
+    *pathLen = static_cast<int>(length);
+    return true;
+}
+
+// The fields by the full conversion of "%d %s %s %s %s %lld %d".
+bool scannedQueryFields(const char* line, queryRecord* rec, int* pathLen)
+{
+    ScanfCursor in(line);
+    bool parsed = in.number(-1, false);
+    if (parsed)
+        rec->attrFlag = in.asInt();
+    parsed = parsed && queryWord(in, rec->mtimeDate) && queryWord(in, rec->mtimeTime) && queryWord(in, rec->ctimeDate)
+             && queryWord(in, rec->ctimeTime) && in.number(-1, false);
+    if (parsed)
+        rec->fileSize = in.asLongLong();
+    parsed = parsed && in.number(-1, false);
+    if (parsed)
+        *pathLen = in.asInt();
+    return parsed;
+}
+
 } // namespace
 
-int readIndexFile(LineSource& source, char** pathBuf, int* pathBufSize, long long* offset, unsigned int* eof)
+int readIndexFile(LineSource& source, IndexLine* out, unsigned int* eof)
 {
     for (;;) {
         LineView view;
@@ -48,7 +114,7 @@ int readIndexFile(LineSource& source, char** pathBuf, int* pathBufSize, long lon
         ScanfCursor in(line);
         int count = 0;
         if (in.number(16, true)) {
-            *offset = static_cast<long long>(in.asUnsigned());
+            out->offset = static_cast<long long>(in.asUnsigned());
             in.stored();
         }
         count = in.result();
@@ -65,24 +131,15 @@ int readIndexFile(LineSource& source, char** pathBuf, int* pathBufSize, long lon
         if (pathLen > 0 && path[pathLen - 1] == '\n')
             path[--pathLen] = '\0';
         if (quenby_debug > 4)
-            std::fprintf(stderr, "readIndexFile:%lld:%s\n", *offset, path);
+            std::fprintf(stderr, "readIndexFile:%lld:%s\n", out->offset, path);
         if (isInternalPath(path, InternalPaths::noScripts))
             continue;
-        if (static_cast<size_t>(*pathBufSize) <= pathLen) {
-            long long want = 2LL * *pathBufSize > static_cast<long long>(pathLen) + 1 ? 2LL * *pathBufSize
-                                                                                       : static_cast<long long>(pathLen) + 1;
-            if (!resizeBuffer(pathBuf, pathBufSize, want)) {
-                std::fprintf(stderr, "quenby: readIndexFile: failed to realloc(size=%lld) memory for line %s\n", want,
-                             path);
-                return 12;
-            }
-        }
-        std::memcpy(*pathBuf, path, pathLen + 1);
+        out->path = {path, pathLen};
         return 0;
     }
 }
 
-int readQueryRecord(LineSource& source, char** pathBuf, int* pathBufSize, queryRecord* rec, unsigned int* eof,
+int readQueryRecord(LineSource& source, QueryPathRoom& room, queryRecord* rec, unsigned int* eof,
                     const char** lineOut)
 {
     *eof = 0;
@@ -98,31 +155,16 @@ int readQueryRecord(LineSource& source, char** pathBuf, int* pathBufSize, queryR
     if (quenby_debug > 4)
         std::fprintf(stderr, "quenby:readQueryRecord: lineP=%s", line);
 
-    ScanfCursor in(line);
     int pathLen = -1;
-    bool parsed = in.number(-1, false);
-    if (parsed)
-        rec->attrFlag = in.asInt();
-    parsed = parsed && queryWord(in, rec->mtimeDate) && queryWord(in, rec->mtimeTime) && queryWord(in, rec->ctimeDate)
-             && queryWord(in, rec->ctimeTime) && in.number(-1, false);
-    if (parsed)
-        rec->fileSize = in.asLongLong();
-    parsed = parsed && in.number(-1, false);
-    if (parsed)
-        pathLen = in.asInt();
+    const bool parsed = plainQueryFields(line, rec, &pathLen) || scannedQueryFields(line, rec, &pathLen);
     if (!parsed || pathLen < 0) {
         std::fprintf(stderr, "quenby: readQueryRecord: failed to parse query record line [%s]\n", line);
         return -1;
     }
-    if (*pathBufSize <= pathLen) {
+    if (room.size <= pathLen) {
         if (pathLen > kQueryPathMax)
             return 22;
-        long long want = 2LL * *pathBufSize > pathLen + 1LL ? 2LL * *pathBufSize : pathLen + 1LL;
-        if (!resizeBuffer(pathBuf, pathBufSize, want)) {
-            std::fprintf(stderr, "quenby: readQueryRecord: failed to realloc(size=%lld) memory for line %s\n", want,
-                         line);
-            return 12;
-        }
+        room.size = 2 * room.size > pathLen + 1 ? 2 * room.size : pathLen + 1;
     }
     // The path must be there, whole, after the first "!".
     const char* bang = std::strchr(line, '!');
@@ -130,28 +172,28 @@ int readQueryRecord(LineSource& source, char** pathBuf, int* pathBufSize, queryR
         std::fprintf(stderr, "quenby: readQueryRecord: failed to parse query record line [%s]\n", line);
         return -1;
     }
-    std::memcpy(*pathBuf, bang + 1, static_cast<size_t>(pathLen));
-    (*pathBuf)[pathLen] = '\0';
+    rec->path = {bang + 1, static_cast<size_t>(pathLen)};
     if (quenby_debug > 4)
-        std::fprintf(stderr, "quenby:readQueryRecord: len=%d, pathname=%s, size=%lld\n", pathLen, *pathBuf,
+        std::fprintf(stderr, "quenby:readQueryRecord: len=%d, pathname=%.*s, size=%lld\n", pathLen, pathLen, bang + 1,
                      static_cast<long long>(rec->fileSize));
     rec->pathLen = pathLen;
     return 0;
 }
 
-int QueryOrder::next(const char* path, const char* prefix, const char* file)
+int QueryOrder::next(std::string_view path, const char* prefix, const char* file)
 {
     ++line_;
-    if (line_ > 1 && std::strcmp(path, last_.ptr) < 0) {
+    if (line_ > 1 && path < std::string_view(last_.ptr, lastLength_)) {
         std::fprintf(stderr, "%s%s line %ld: the query file is not sorted by path\n", prefix, file, line_);
         return -1;
     }
-    size_t len = std::strlen(path);
+    const size_t len = path.size();
     if (len >= static_cast<size_t>(last_.size)
         && !resizeBuffer(&last_.ptr, &last_.size, std::max(static_cast<long long>(len) + 1, 2LL * last_.size))) {
         std::fprintf(stderr, "%sfailed to allocate memory\n", prefix);
         return -1;
     }
-    std::memcpy(last_.ptr, path, len + 1);
+    std::memcpy(last_.ptr, path.data(), len);
+    lastLength_ = len;
     return 0;
 }

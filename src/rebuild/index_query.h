@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <string_view>
 
 // One file object the backup server holds.
 struct queryRecord {
@@ -17,17 +18,34 @@ struct queryRecord {
     char ctimeTime[12];
     int64_t fileSize;   // negative: unknown
     int pathLen;
+    // In the source's buffer until its next read; the rest of the line
+    // follows it, no NUL.
+    std::string_view path;
 };
 
-// The next index line that is not "." or ".kestrel...": its offset and path.
-// 0 (with *eof 1 at the end), -1 a bad line or a read error, 12 no memory.
-int readIndexFile(LineSource& source, char** pathBuf, int* pathBufSize, long long* offset, unsigned int* eof);
+// One line of a sorted index.
+struct IndexLine {
+    long long offset = 0;
+    // In the source's buffer, NUL after it, until the source's next read.
+    std::string_view path;
+};
 
-// The next query line: its fields into *rec, its path into *pathBuf, the
-// line itself (valid until the next read) into *lineOut when given.
-// 0 (with *eof 1 at the end), -1 a bad line or a read error, 12 no
-// memory, 22 a path longer than 4096 bytes.
-int readQueryRecord(LineSource& source, char** pathBuf, int* pathBufSize, queryRecord* rec, unsigned int* eof,
+// The next index line that is not "." or ".kestrel...".
+// 0 (with *eof 1 at the end), -1 a bad line or a read error.
+int readIndexFile(LineSource& source, IndexLine* line, unsigned int* eof);
+
+// The room a query path buffer of old had: it started at 4096 bytes and
+// grew for a longer path, and a path longer than 4096 bytes was refused
+// only when the buffer had to grow for it.
+struct QueryPathRoom {
+    int size = 4096;
+};
+
+// The next query line: its fields and path into *rec, the line itself
+// (valid until the next read) into *lineOut when given. 0 (with *eof 1 at
+// the end), -1 a bad line or a read error, 12 no memory, 22 a path longer
+// than 4096 bytes.
+int readQueryRecord(LineSource& source, QueryPathRoom& room, queryRecord* rec, unsigned int* eof,
                     const char** lineOut = nullptr);
 
 // The query file's order, checked as it is read: a walk that merges it by
@@ -37,9 +55,10 @@ public:
     // Counts the next line. 0 when its path does not sort below the one
     // before; otherwise prints `prefix` + "<file> line <n>: the query file
     // is not sorted by path" (or that memory ran out) and returns -1.
-    int next(const char* path, const char* prefix, const char* file);
+    int next(std::string_view path, const char* prefix, const char* file);
 
 private:
     HeapBuf last_;
+    size_t lastLength_ = 0;
     long line_ = 0;
 };

@@ -1,7 +1,9 @@
 #include "rebuild/rebuild_shadow.h"
 
+#include "rebuild/block_writer.h"
 #include "rebuild/external_sort.h"
 #include "rebuild/index_query.h"
+#include "rebuild/record_fetch.h"
 #include "records/policy_record.h"
 #include "records/record_reader.h"
 #include "records/record_edit.h"
@@ -11,15 +13,17 @@
 #include "support/output_file.h"
 #include "support/sys_call.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 namespace {
 
 constexpr int kNameSize = 4112;
-constexpr int kPathBufferSize = 4096;
 constexpr int kShowCopyMax = 255;
 constexpr int kMergedShowMax = 509;
 constexpr size_t kTimeMax = 29;
@@ -45,33 +49,63 @@ void serverTime(char (&out)[32], const char* date, const char* time)
     std::memcpy(p, ".000000", sizeof ".000000");
 }
 
-void copyBounded(std::string& out, const char* from, size_t len, size_t max)
+// What strcmp returns for the two paths: the difference of the first bytes
+// that differ, a NUL standing after the shorter.
+int byteDifference(std::string_view a, std::string_view b)
 {
-    out.assign(from, len < max ? len : max);
+    size_t i = 0;
+    while (i < a.size() && i < b.size() && a[i] == b[i])
+        ++i;
+    auto at = [i](std::string_view v) { return i < v.size() ? static_cast<unsigned char>(v[i]) : 0; };
+    return at(a) - at(b);
 }
 
-// The SHOW values of a scan record.
+void appendNumber(std::string& out, long long value)
+{
+    char digits[24];
+    out.append(digits, std::to_chars(digits, digits + sizeof digits, value).ptr);
+}
+
+// The first `max` bytes of the `len` at `from`.
+std::string_view bounded(const char* from, size_t len, size_t max)
+{
+    return {from, len < max ? len : max};
+}
+
+// strtoll(text, nullptr, 0), the plain decimals of a scan without the call.
+long long showNumber(const char* text)
+{
+    long long value = 0;
+    const char* p = text;
+    if (*p >= '1' && *p <= '9') {
+        for (; *p >= '0' && *p <= '9' && p - text < 18; ++p)
+            value = value * 10 + (*p - '0');
+        if (*p == '\0')
+            return value;
+    }
+    return std::strtoll(text, nullptr, 0);
+}
+
+// The SHOW values of a scan record, in a copy of its SHOW text.
 struct ScanShow {
-    std::string mtime;
-    std::string ctime;
+    char copy[kShowCopyMax + 1];
+    std::string_view mtime;
+    std::string_view ctime;
     long long size = 0;
-    std::string fileset;
-    std::string migState;
+    std::string_view fileset;
+    std::string_view migState;
 };
 
-// Splits the SHOW attribute (the text after the last "!" of the line).
-int parsePolicyShow(const char* line, ScanShow& show)
+// Splits the SHOW attribute (the text after the last "!" of the line; the
+// line holds no NUL).
+int parsePolicyShow(const char* line, size_t length, ScanShow& show)
 {
-    if (line == nullptr) {
-        std::fputs("quenby: parsePolicyShow: invalid input argument\n", stderr);
-        return -1;
-    }
-    const char* bang = std::strrchr(line, '!');
+    const char* bang = static_cast<const char*>(memrchr(line, '!', length));
     if (bang == nullptr) {
         std::fputs("quenby: parsePolicyShow: could not find SHOW data\n", stderr);
         return -1;
     }
-    char copy[kShowCopyMax + 1];
+    char* copy = show.copy;
     size_t copyLen = strnlen(bang + 1, kShowCopyMax);
     std::memcpy(copy, bang + 1, copyLen);
     copy[copyLen] = '\0';
@@ -86,32 +120,52 @@ int parsePolicyShow(const char* line, ScanShow& show)
         std::fputs("quenby: parsePolicyShow: could not find mtime time\n", stderr);
         return -1;
     }
-    copyBounded(show.mtime, copy, static_cast<size_t>(b2 - copy), kTimeMax);
+    show.mtime = bounded(copy, static_cast<size_t>(b2 - copy), kTimeMax);
     char* b3 = std::strchr(b2 + 1, ' ');
     char* b4 = b3 != nullptr ? std::strchr(b3 + 1, ' ') : nullptr;
     if (b4 == nullptr) {
         std::fputs("quenby: parsePolicyShow: could not find ctime date\n", stderr);
         return -1;
     }
-    copyBounded(show.ctime, b2 + 1, static_cast<size_t>(b4 - b2 - 1), kTimeMax);
+    show.ctime = bounded(b2 + 1, static_cast<size_t>(b4 - b2 - 1), kTimeMax);
     char* b5 = std::strchr(b4 + 1, ' ');
     if (b5 == nullptr) {
         std::fputs("quenby: parsePolicyShow: could not find file size\n", stderr);
         return -1;
     }
     *b5 = '\0';
-    show.size = std::strtoll(b4 + 1, nullptr, 0);
+    show.size = showNumber(b4 + 1);
     char* b6 = std::strchr(b5 + 1, ' ');
     if (b6 != nullptr) {
-        copyBounded(show.fileset, b5 + 1, static_cast<size_t>(b6 - b5 - 1), kFilesetMax);
-        copyBounded(show.migState, b6 + 1, std::strlen(b6 + 1), kMigStateMax);
+        show.fileset = bounded(b5 + 1, static_cast<size_t>(b6 - b5 - 1), kFilesetMax);
+        show.migState = bounded(b6 + 1, std::strlen(b6 + 1), kMigStateMax);
         show.migState = show.migState.substr(0, show.migState.find('\n'));
     } else {
-        copyBounded(show.fileset, b5 + 1, std::strlen(b5 + 1), kFilesetMax);
+        show.fileset = bounded(b5 + 1, std::strlen(b5 + 1), kFilesetMax);
         show.fileset = show.fileset.substr(0, show.fileset.find('\n'));
         show.migState = "resdnt";
     }
     return 0;
+}
+
+// "%s %s %lld %s %s" of the merged SHOW into `out` (640 bytes), cut to
+// 509 bytes; its length. A scan's change time of the 26-byte form loses
+// its fraction.
+int mergedShow(char* out, const char* mtime, std::string_view ctime, long long size, const ScanShow& scan)
+{
+    char* p = std::copy_n(mtime, 26, out);
+    *p++ = ' ';
+    char* ctimeAt = p;
+    p = std::copy(ctime.begin(), ctime.end(), p);
+    if (ctime.size() == 26)
+        std::memcpy(ctimeAt + 20, "000000", 6);
+    *p++ = ' ';
+    p = std::to_chars(p, p + 24, size).ptr;
+    *p++ = ' ';
+    p = std::copy(scan.fileset.begin(), scan.fileset.end(), p);
+    *p++ = ' ';
+    p = std::copy(scan.migState.begin(), scan.migState.end(), p);
+    return std::min(static_cast<int>(p - out), kMergedShowMax);
 }
 
 struct Files {
@@ -119,7 +173,9 @@ struct Files {
     LineSource index;
     // The scan records the index points at, read where they stand.
     LineSource scan{{.access = LineSource::Access::positioned, .blockSize = 8 * 1024}};
+    RecordFetch scanRecords{scan, {.classify = false}};
     OutputFile out; // put in place only when the whole run succeeded
+    BlockWriter outBlocks; // what is written to `out`
 };
 
 class Rebuild {
@@ -129,33 +185,27 @@ public:
     {
     }
 
-    bool allocate()
-    {
-        return queryPath_.allocate(kPathBufferSize) && indexPath_.allocate(kPathBufferSize);
-    }
-
     int walk();
 
 private:
-    int readQuery() { return readQueryRecord(f_.query, &queryPath_.ptr, &queryPath_.size, &query_, &queryEof_); }
+    int readQuery() { return readQueryRecord(f_.query, queryRoom_, &query_, &queryEof_); }
     int nextQuery(bool inTail);
-    int readIndex() { return readIndexFile(f_.index, &indexPath_.ptr, &indexPath_.size, &indexOffset_, &indexEof_); }
+    int readIndex() { return readIndexFile(f_.index, &index_, &indexEof_); }
     int writeServerOnly();
     int writeMergedRecord();
     int fetchScanRecord();
-    bool put(const std::string& text) { return sysFwrite(text.data(), text.size(), f_.out.get()) == text.size(); }
+    bool put(std::string_view text) { return f_.outBlocks.put(text); }
 
     Files& f_;
     const char* queryName_;
     const char* expireData_;
     QueryOrder order_;
-    RecordReader scanReader_{f_.scan, {.classify = false}};
     Record scanRecord_;
-    HeapBuf queryPath_, indexPath_;
+    QueryPathRoom queryRoom_;
     queryRecord query_{};
+    IndexLine index_;
     unsigned int queryEof_ = 0;
     unsigned int indexEof_ = 0;
-    long long indexOffset_ = 0;
     std::string line_; // the output line being built, reused
     ScanShow scanShow_; // the SHOW values of the scan record, reused
 };
@@ -185,9 +235,10 @@ int Rebuild::walk()
                 } while (!queryEof_);
                 return 0;
             }
-            int cmp = std::strcmp(queryPath_.ptr, indexPath_.ptr);
+            const int cmp = query_.path.compare(index_.path);
             if (quenby_debug > 3)
-                std::fprintf(stderr, "rebuildcmp:%s\nrebuildcmp:%s\t%d\n", queryPath_.ptr, indexPath_.ptr, cmp);
+                std::fprintf(stderr, "rebuildcmp:%.*s\nrebuildcmp:%s\t%d\n", VIEW_ARGS(query_.path), index_.path.data(),
+                             byteDifference(query_.path, index_.path));
             if (cmp == 0) {
                 if (int rc = writeMergedRecord()) {
                     std::fprintf(stderr, "quenby: rebuildShadow: writing merged record fail rc = %d\n", rc);
@@ -223,7 +274,7 @@ int Rebuild::nextQuery(bool inTail)
             std::fprintf(stderr, "quenby: rebuildShadow: failed reading QBS record, rc=%d\n", rc);
         return rc;
     }
-    return queryEof_ ? 0 : order_.next(queryPath_.ptr, "quenby: rebuildShadow: ", queryName_);
+    return queryEof_ ? 0 : order_.next(query_.path, "quenby: rebuildShadow: ", queryName_);
 }
 
 // A record for a file that only the server holds, headed by the expire
@@ -234,19 +285,23 @@ int Rebuild::writeServerOnly()
         std::fputs("quenby: rebuildShadow: the scan list holds no record to take a record head from\n", stderr);
         return -1;
     }
-    char mtime[32], ctime[32], show[4096];
-    serverTime(mtime, query_.mtimeDate, query_.mtimeTime);
-    serverTime(ctime, query_.ctimeDate, query_.ctimeTime);
-    int showLen = std::snprintf(show, sizeof show, "%s %s %lld root resdnt", mtime, ctime,
-                                static_cast<long long>(query_.fileSize));
-    char tail[64];
+    // "%s %s %lld root resdnt": the server's times and size.
+    char show[96];
+    serverTime(*reinterpret_cast<char(*)[32]>(show), query_.mtimeDate, query_.mtimeTime);
+    show[26] = ' ';
+    serverTime(*reinterpret_cast<char(*)[32]>(show + 27), query_.ctimeDate, query_.ctimeTime);
+    show[53] = ' ';
+    char* end = std::to_chars(show + 54, show + sizeof show, static_cast<long long>(query_.fileSize)).ptr;
+    end = std::copy_n(" root resdnt", 12, end);
     line_ = expireData_;
-    std::snprintf(tail, sizeof tail, ":%d!", query_.pathLen);
-    line_ += tail;
-    line_ += queryPath_.ptr;
-    std::snprintf(tail, sizeof tail, ":6!system;%d!", showLen);
-    line_ += tail;
-    line_ += show;
+    line_ += ':';
+    appendNumber(line_, query_.pathLen);
+    line_ += '!';
+    line_ += query_.path;
+    line_ += ":6!system;";
+    appendNumber(line_, end - show);
+    line_ += '!';
+    line_.append(show, end);
     line_ += '\n';
     return put(line_) ? 0 : -1;
 }
@@ -256,30 +311,30 @@ int Rebuild::writeServerOnly()
 int Rebuild::fetchScanRecord()
 {
     bool eof = false;
-    int got = scanReader_.recordAt(indexOffset_, scanRecord_, eof);
+    int got = f_.scanRecords.recordOf(f_.index.linesRead(), index_.offset, scanRecord_, eof);
     if (got == RecordReader::kReadFailed) {
         std::fprintf(stderr, "quenby: writeMergedRecord: fseek for scan file fail at offset=%lld, err=%d\n",
-                     indexOffset_, portableErrnoNonZero());
+                     index_.offset, portableErrnoNonZero());
         return -1;
     }
     if (eof) {
-        std::fprintf(stderr, "quenby: writeMergedRecord: no record at offset=%lld of the scan list\n", indexOffset_);
+        std::fprintf(stderr, "quenby: writeMergedRecord: no record at offset=%lld of the scan list\n", index_.offset);
         return -1;
     }
     if (got != 0)
         return got;
-    return parsePolicyShow(scanRecord_.line, scanShow_) != 0 ? -1 : 0;
+    return parsePolicyShow(scanRecord_.line, scanRecord_.length, scanShow_) != 0 ? -1 : 0;
 }
 
 int Rebuild::writeMergedRecord()
 {
     if (int rc = fetchScanRecord())
         return rc;
-    // The line is the reader's to change: this offset is not read again.
+    // The line is the fetcher's to change: this offset is not read again.
     char* line = scanRecord_.line;
     const size_t len = scanRecord_.length;
     const int flag = scanRecord_.state;
-    ScanShow& scan = scanShow_;
+    const ScanShow& scan = scanShow_;
 
     char mtime[32], ctime[32];
     serverTime(mtime, query_.mtimeDate, query_.mtimeTime);
@@ -287,45 +342,33 @@ int Rebuild::writeMergedRecord()
     if (scan.mtime == mtime && (query_.attrFlag == 0 || scan.ctime == ctime)) {
         if (quenby_debug > 2)
             std::fprintf(stderr, "\tsame mtimes %s\n", mtime);
-        return sysFwrite(line, len, f_.out.get()) == len ? 0 : -1;
+        return put({line, len}) ? 0 : -1;
     }
 
     if (quenby_debug > 0) {
-        std::fprintf(stderr, "path %s\n", queryPath_.ptr);
+        std::fprintf(stderr, "path %.*s\n", VIEW_ARGS(query_.path));
         std::fprintf(stderr, "\tQBS SHOW %s %s %lld\n", mtime, ctime, static_cast<long long>(query_.fileSize));
-        std::fprintf(stderr, "\tFSS SHOW %s %s %lld %s %s\n", scan.mtime.c_str(), scan.ctime.c_str(), scan.size,
-                     scan.fileset.c_str(), scan.migState.c_str());
+        std::fprintf(stderr, "\tFSS SHOW %.*s %.*s %lld %.*s %.*s\n", VIEW_ARGS(scan.mtime), VIEW_ARGS(scan.ctime),
+                     scan.size, VIEW_ARGS(scan.fileset), VIEW_ARGS(scan.migState));
     }
-    char* semi = std::strrchr(line, ';');
+    char* semi = static_cast<char*>(memrchr(line, ';', len));
     if (semi == nullptr)
         return 0;
     *semi = '\0';
-    long long size = query_.fileSize < 0 ? scan.size : static_cast<long long>(query_.fileSize);
-    std::string chosenCtime = ctime;
-    if (query_.attrFlag == 0) {
-        chosenCtime = scan.ctime;
-        if (chosenCtime.size() == 26 && chosenCtime.compare(20, 6, "000000") != 0)
-            chosenCtime.replace(20, 6, "000000");
-    }
-    char merged[kMergedShowMax + 1];
-    int mergedLen = std::snprintf(merged, sizeof merged, "%s %s %lld %s %s", mtime, chosenCtime.c_str(), size,
-                                  scan.fileset.c_str(), scan.migState.c_str());
-    if (mergedLen < 0)
-        return mergedLen;
-    if (mergedLen > kMergedShowMax)
-        mergedLen = kMergedShowMax;
+    const long long size = query_.fileSize < 0 ? scan.size : static_cast<long long>(query_.fileSize);
+    char merged[640];
+    const int mergedLen = mergedShow(merged, mtime, query_.attrFlag == 0 ? scan.ctime : ctime, size, scan);
     if (flag > 15 && changePDRState(line, PDR_NORMAL) != 0)
         return -1;
-    char length[24];
-    std::snprintf(length, sizeof length, ";%d!", mergedLen);
-    line_ = line;
-    line_ += length;
-    line_.append(merged, static_cast<size_t>(mergedLen));
-    line_ += '\n';
-    if (!put(line_))
+    char length[24] = ";";
+    char* lengthEnd = std::to_chars(length + 1, length + sizeof length - 1, mergedLen).ptr;
+    *lengthEnd++ = '!';
+    merged[mergedLen] = '\n';
+    if (!put({line, static_cast<size_t>(semi - line)}) || !put({length, static_cast<size_t>(lengthEnd - length)})
+        || !put({merged, static_cast<size_t>(mergedLen) + 1}))
         return -1;
     if (quenby_debug > 0)
-        std::fprintf(stderr, "\t MERGED  %s\n", merged);
+        std::fprintf(stderr, "\t MERGED  %.*s\n", mergedLen, merged);
     return 0;
 }
 
@@ -345,19 +388,21 @@ int openAndWalk(Files& files, const char* qbsFile, const char* sortedName, const
                 const char* outShadow, const char* expireData)
 {
     Rebuild rebuild(files, qbsFile, expireData);
-    if (!rebuild.allocate()) {
-        std::fputs("quenby: rebuildShadow: failed to allocate memory\n", stderr);
-        return -1;
-    }
     if (openInput(files.query, qbsFile, "quenby: fopen qbs query") != 0)
         return -2;
     if (openInput(files.index, sortedName, "quenby: fopen fs scan") != 0
         || openInput(files.scan, fsListFile, "quenby: fopen fs scan") != 0)
         return -3;
+    files.scanRecords.map();
+    files.scanRecords.follow(sortedName);
     if (files.out.open(outShadow, OutputFile::Mode::replace) != 0) {
         systemError("quenby: fopen out shadow");
         std::fprintf(stderr, "quenby: rebuildShadow: could not open %s\n", outShadow);
         return -4;
+    }
+    if (!files.outBlocks.start(files.out.get(), true)) {
+        std::fputs("quenby: rebuildShadow: failed to allocate memory\n", stderr);
+        return -1;
     }
     return rebuild.walk();
 }
@@ -366,10 +411,16 @@ int openAndWalk(Files& files, const char* qbsFile, const char* sortedName, const
 // place only after a clean run.
 int closeFiles(Files& files, int result)
 {
+    const int unmapped = files.scanRecords.close();
     int closed[4] = {files.query.close(), files.scan.close(), files.index.close(), 0};
+    if (closed[1] == 0)
+        closed[1] = unmapped;
     // A failed run leaves the out shadow as it was, or absent.
+    const bool written = files.outBlocks.finish() == 0;
     bool good = result == 0 && closed[0] == 0 && closed[1] == 0 && closed[2] == 0;
-    closed[3] = good ? files.out.commit() : files.out.discard();
+    closed[3] = good && written ? files.out.commit() : files.out.discard();
+    if (!written && closed[3] == 0)
+        closed[3] = EOF;
     if (closed[0] != 0 || closed[1] != 0 || closed[2] != 0 || closed[3] != 0) {
         std::fprintf(stderr, "quenby:rebuildShadow: db file I/O error [0%d 0%d 0%d 0%d]\n", closed[0], closed[1],
                      closed[2], closed[3]);

@@ -2,6 +2,7 @@
 
 #include "rebuild/external_sort.h"
 #include "rebuild/index_query.h"
+#include "rebuild/record_fetch.h"
 #include "support/debug_level.h"
 #include "support/file_open.h"
 
@@ -13,8 +14,15 @@
 
 namespace {
 
-constexpr int kPathBufferSize = 4096;
 inline constexpr char kCannotRead[] = "quenby:VERIFYSHADOW::1::could not open %s for read (error=%d)\n";
+// Whether `word` is anywhere in `show`. A scan writes each time word at
+// the same place in it, `at`: most answers need no search.
+bool holds(std::string_view show, const char* word, size_t at)
+{
+    const std::string_view text(word);
+    return (at <= show.size() && show.substr(at, text.size()) == text) || show.find(text) != std::string_view::npos;
+}
+
 struct FreeDeleter {
     void operator()(char* p) const { std::free(p); }
 };
@@ -25,14 +33,16 @@ public:
         : v_(v), index_(index), query_(query), queryName_(queryName)
     {
         shadowAt_.attach(v.shadow.fd());
+        shadowRecords_.map();
     }
-    bool allocate() { return queryPath_.allocate(kPathBufferSize) && indexPath_.allocate(kPathBufferSize); }
+    // Copies the records of the index at `indexName` ahead of the walk.
+    void follow(const char* indexName) { shadowRecords_.follow(indexName); }
     int run();
 
 private:
     int readQuery()
     {
-        int rc = readQueryRecord(query_, &queryPath_.ptr, &queryPath_.size, &q_, &queryEof_, &queryLine_);
+        int rc = readQueryRecord(query_, queryRoom_, &q_, &queryEof_, &queryLine_);
         if (rc != 0) {
             std::fprintf(stderr, "quenby:VERIFYSHADOW::1::failed reading QBS QueryShadow record, rc=%d\n", rc);
             return rc;
@@ -40,11 +50,11 @@ private:
         return checkOrder();
     }
     // A query line out of path order would be reported as missing files.
-    int checkOrder() { return queryEof_ ? 0 : order_.next(queryPath_.ptr, "quenby:VERIFYSHADOW::1::", queryName_); }
+    int checkOrder() { return queryEof_ ? 0 : order_.next(q_.path, "quenby:VERIFYSHADOW::1::", queryName_); }
     int advanceShadow()
     {
         fetched_ = false;
-        int rc = readIndexFile(index_, &indexPath_.ptr, &indexPath_.size, &offset_, &indexEof_);
+        int rc = readIndexFile(index_, &indexLine_, &indexEof_);
         if (rc != 0)
             std::fputs("quenby: verifyShadow: failed reading sorted shadow record\n", stderr);
         return rc;
@@ -52,8 +62,10 @@ private:
     int fetch(int* readerResult);
     bool unsupportedQueryPath() const
     {
-        const char* path = queryPath_.ptr;
-        return isInternalPath(path, InternalPaths::toolOnly) || std::strpbrk(path, UnsupQBSCharList) != nullptr;
+        // The test looks at no more than the first eight bytes.
+        char head[16] = {};
+        q_.path.copy(head, sizeof head - 1);
+        return isInternalPath(head, InternalPaths::toolOnly) || q_.path.find_first_of(UnsupQBSCharList) != std::string_view::npos;
     }
     int shadowTail();
     int queryTail();
@@ -64,14 +76,14 @@ private:
     const char* queryName_;
     // The shadow records the index points at, read where they stand.
     LineSource shadowAt_{{.access = LineSource::Access::positioned, .blockSize = 8 * 1024}};
-    RecordReader shadowReader_{shadowAt_};
+    RecordFetch shadowRecords_{shadowAt_, {}};
     QueryOrder order_;
     const char* queryLine_ = "";
-    HeapBuf queryPath_, indexPath_;
+    QueryPathRoom queryRoom_;
     queryRecord q_{};
+    IndexLine indexLine_;
     unsigned int queryEof_ = 0;
     unsigned int indexEof_ = 0;
-    long long offset_ = 0;
     bool fetched_ = false;
 };
 
@@ -80,9 +92,10 @@ private:
 int QueryWalk::fetch(int* readerResult)
 {
     bool eof = false;
-    int got = shadowReader_.recordAt(offset_, v_.shadowRec, eof);
+    int got = shadowRecords_.recordOf(index_.linesRead(), indexLine_.offset, v_.shadowRec, eof);
     if (got == RecordReader::kReadFailed) {
-        std::fprintf(stderr, "quenby: verifyShadow: cannot seek to offset %lld of shadow file, err=%d\n", offset_, -1);
+        std::fprintf(stderr, "quenby: verifyShadow: cannot seek to offset %lld of shadow file, err=%d\n",
+                     indexLine_.offset, -1);
         return -1;
     }
     v_.shadowAtEnd = false;
@@ -109,7 +122,7 @@ int QueryWalk::run()
             if ((rc = fetch(&reader)))
                 return rc;
             if (reader < 0) {
-                std::fprintf(stderr, "quenby: verifyshadow: read shadow file failed at offset %lld\n", offset_);
+                std::fprintf(stderr, "quenby: verifyshadow: read shadow file failed at offset %lld\n", indexLine_.offset);
                 return reader;
             }
             if (reader == PDR_UNSUPPORTED || reader == PDR_INTERNAL) {
@@ -138,20 +151,18 @@ int QueryWalk::run()
             }
             v_.shadowExamined = true;
         }
-        int cmp = std::string_view(queryPath_.ptr).compare(s.path);
+        int cmp = q_.path.compare(s.path);
         if (cmp == 0) {
             if (q_.attrFlag != 0
-                && (s.show.find(q_.mtimeDate) == std::string_view::npos
-                    || s.show.find(q_.mtimeTime) == std::string_view::npos
-                    || s.show.find(q_.ctimeDate) == std::string_view::npos
-                    || s.show.find(q_.ctimeTime) == std::string_view::npos)) {
+                && (!holds(s.show, q_.mtimeDate, 0) || !holds(s.show, q_.mtimeTime, 11)
+                    || !holds(s.show, q_.ctimeDate, 27) || !holds(s.show, q_.ctimeTime, 38))) {
                 v_.reportLine("Attribute is error: %016llx %.*s %.*s\n", (unsigned long long)s.ino, VIEW_ARGS(s.path), VIEW_ARGS(s.show));
                 ++v_.counts.invalid;
             }
             if ((rc = readQuery()) || (rc = advanceShadow()))
                 return rc;
         } else if (cmp < 0) {
-            v_.reportLine("File doesn't exist in Shadow: %s\n", queryPath_.ptr);
+            v_.reportLine("File doesn't exist in Shadow: %.*s\n", VIEW_ARGS(q_.path));
             ++v_.counts.invalid;
             if ((rc = readQuery()))
                 return rc;
@@ -173,7 +184,7 @@ int QueryWalk::shadowTail()
         if (int rc = fetch(&reader))
             return rc;
         if (reader < 0) {
-            std::fprintf(stderr, "quenby: verifyShadow: read shadow file failed at offset %lld\n", offset_);
+            std::fprintf(stderr, "quenby: verifyShadow: read shadow file failed at offset %lld\n", indexLine_.offset);
             return reader;
         }
         v_.reportLine("Unvalid file in shadow: %016llx %.*s\n", (unsigned long long)s.ino, VIEW_ARGS(s.path));
@@ -191,10 +202,10 @@ int QueryWalk::queryTail()
         if (unsupportedQueryPath()) {
             ++v_.counts.unsupported;
         } else {
-            v_.reportLine("File doesn't exist in Shadow: %s\n", queryPath_.ptr);
+            v_.reportLine("File doesn't exist in Shadow: %.*s\n", VIEW_ARGS(q_.path));
             ++v_.counts.invalid;
         }
-        int rc = readQueryRecord(query_, &queryPath_.ptr, &queryPath_.size, &q_, &queryEof_, &queryLine_);
+        int rc = readQueryRecord(query_, queryRoom_, &q_, &queryEof_, &queryLine_);
         if (rc != 0 || (rc = checkOrder()) != 0)
             return rc;
     }
@@ -221,10 +232,7 @@ int verifyQueryWalk(VerifyContext& v, const char* qbsQueryFile, const char* sort
             return -1;
         }
     QueryWalk walk(v, index, query, qbsQueryFile);
-    if (!walk.allocate()) {
-        std::fputs("quenby::VERIFYSHADOW::1::failed to allocate memory\n", stderr);
-        return -1;
-    }
+    walk.follow(sortedIndexName);
     rc = walk.run();
     if (rc != 0)
         return rc;

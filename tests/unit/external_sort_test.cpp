@@ -1,10 +1,16 @@
-// The sort command line as a stand-in sort program receives it: words, quoting and length limits.
+// The sort command line as a stand-in sort program receives it; query lines and records an index points at.
 #include "rebuild/external_sort.h"
+
+#include "rebuild/index_query.h"
+#include "rebuild/record_fetch.h"
 
 #include "support/shell_quote.h"
 #include "test_util.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iomanip>
+#include <random>
 #include <sys/stat.h>
 
 namespace {
@@ -89,6 +95,69 @@ TEST_F(SortCommand, CommandPartStatusAndLengthLimits)
         EXPECT_EQ(args().empty(), length >= 8192) << length;
         EXPECT_EQ(err.rfind("quenby: sortFile: ", 0), 0u) << length;
     }
+}
+
+// A line in the driver's form gives what the full conversion gives for it with every blank doubled.
+TEST(QueryLine, PlainAndWidenedFormsAgree)
+{
+    testutil::ScratchDir dir;
+    auto fields = [&](const std::string& line) {
+        testutil::writeFile(dir.file("q"), line);
+        LineSource source;
+        QueryPathRoom room;
+        queryRecord q{};
+        unsigned int eof = 0;
+        const int rc = source.open(dir.file("q").c_str()) | readQueryRecord(source, room, &q, &eof);
+        return std::to_string(rc) + " " + std::to_string(q.attrFlag) + q.mtimeDate + " " + q.mtimeTime + " "
+               + q.ctimeDate + " " + q.ctimeTime + " " + std::to_string(q.fileSize) + std::string(rc ? "" : q.path);
+    };
+    for (std::string line : {"1 2024-02-23 23:09:53 2024-03-02 09:29:46 103012127 5!a b!c\n", "007 d t d t -1 1!x\n",
+                             "-12 12345678901 t d t 123456789012345678 2!ab\n", "1 123456789012 t d t 0 1!a\n"}) {
+        std::string wide;
+        for (size_t i = 0; i < line.size(); ++i)
+            wide += line.substr(i, 1) + (line[i] == ' ' && i < line.find('!') ? " " : "");
+        EXPECT_EQ(fields(line), fields(wide)) << line;
+    }
+}
+
+// Whatever an index holds (a header, a line too long to copy, no offset, the end, more lines than the
+// copier's ring holds), a record fetched through the copier is what the reader finds at the offset asked.
+TEST(RecordFetch, CopiedRecordsAreThoseReadAtTheirOffsets)
+{
+    testutil::ScratchDir dir;
+    std::string list = testutil::kDbHeader, index;
+    std::vector<long long> offsets = {0, 5, -1};
+    for (int i = 0; i < 40000; ++i, list += testutil::record({.path = i == 7 ? std::string(2 << 20, 'x') : "p"}))
+        offsets.push_back(static_cast<long long>(list.size()));
+    offsets.push_back(static_cast<long long>(list.size()));
+    std::shuffle(offsets.begin(), offsets.end(), std::mt19937(17));
+    for (long long offset : offsets)
+        index += (offset == 5 ? "zz" : "") + (std::ostringstream() << std::hex << std::setfill('0') << std::setw(16)
+                                                                    << offset).str() + " p\n";
+    testutil::writeFile(dir.file("list"), list);
+    testutil::writeFile(dir.file("index"), index);
+    LineSource at({.access = LineSource::Access::positioned}), direct({.access = LineSource::Access::positioned});
+    ASSERT_EQ(at.open(dir.file("list").c_str()) | direct.open(dir.file("list").c_str()), 0);
+    RecordFetch fetch(at, {});
+    RecordReader reader(direct);
+    fetch.map();
+    fetch.follow(dir.file("index").c_str());
+    // Each side's results and messages; some lines are never asked for, some for another offset.
+    auto fetchAll = [&](bool copied) {
+        std::vector<std::string> seen;
+        std::string messages = testutil::stderrOf([&] {
+            for (size_t line = 1; line <= offsets.size(); line += 1 + line % 3) {
+                Record rec;
+                bool eof = false;
+                const long long offset = offsets[line - 1] + (line % 5 == 0);
+                const int rc = copied ? fetch.recordOf(line, offset, rec, eof) : reader.recordAt(offset, rec, eof);
+                seen.push_back(std::to_string(rc) + (rc < -1 || eof ? "" : std::string(rec.line, rec.length)));
+            }
+        });
+        return std::pair(seen, messages);
+    };
+    EXPECT_EQ(fetchAll(true), fetchAll(false));
+    EXPECT_EQ(fetch.close(), 0);
 }
 
 } // namespace
