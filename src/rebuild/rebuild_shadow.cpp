@@ -11,6 +11,7 @@
 #include "support/file_open.h"
 #include "support/file_stream.h"
 #include "support/output_file.h"
+#include "support/progress.h"
 #include "support/sys_call.h"
 
 #include <algorithm>
@@ -180,8 +181,8 @@ struct Files {
 
 class Rebuild {
 public:
-    Rebuild(Files& files, const char* queryName, const char* expireData)
-        : f_(files), queryName_(queryName), expireData_(expireData)
+    Rebuild(Files& files, const char* queryName, const char* expireData, ProgressLine& progress)
+        : f_(files), queryName_(queryName), expireData_(expireData), progress_(progress)
     {
     }
 
@@ -199,6 +200,8 @@ private:
     Files& f_;
     const char* queryName_;
     const char* expireData_;
+    ProgressLine& progress_;
+    uint64_t queries_ = 0;
     QueryOrder order_;
     Record scanRecord_;
     QueryPathRoom queryRoom_;
@@ -274,6 +277,7 @@ int Rebuild::nextQuery(bool inTail)
             std::fprintf(stderr, "quenby: rebuildShadow: failed reading QBS record, rc=%d\n", rc);
         return rc;
     }
+    progress_.tick(++queries_, f_.query.bytesRead() + f_.index.bytesRead());
     return queryEof_ ? 0 : order_.next(query_.path, "quenby: rebuildShadow: ", queryName_);
 }
 
@@ -385,9 +389,10 @@ int openInput(LineSource& file, const char* path, const char* prefix)
 // Opens the inputs and the output and walks them; 0, or the code of the
 // step that failed.
 int openAndWalk(Files& files, const char* qbsFile, const char* sortedName, const char* fsListFile,
-                const char* outShadow, const char* expireData)
+                const char* outShadow, const char* expireData, bool progressWanted)
 {
-    Rebuild rebuild(files, qbsFile, expireData);
+    ProgressLine progress("rebuildshadow", 0, progressWanted);
+    Rebuild rebuild(files, qbsFile, expireData, progress);
     if (openInput(files.query, qbsFile, "quenby: fopen qbs query") != 0)
         return -2;
     if (openInput(files.index, sortedName, "quenby: fopen fs scan") != 0
@@ -404,6 +409,7 @@ int openAndWalk(Files& files, const char* qbsFile, const char* sortedName, const
         std::fputs("quenby: rebuildShadow: failed to allocate memory\n", stderr);
         return -1;
     }
+    progress.setTotal(files.query.size() + files.index.size());
     return rebuild.walk();
 }
 
@@ -436,6 +442,7 @@ int rebuildShadow(const char* qbsFile, const char* fsListFile, const char* outSh
 {
     // The run's whole environment, read once at its start.
     const char* sortCommand = std::getenv("KESTREL_SORT_OPTIONS");
+    const bool progress = ProgressLine::wanted(std::getenv("QUENBY_PROGRESS"));
     if (qbsFile == nullptr || fsListFile == nullptr || outShadow == nullptr) {
         std::fputs("Usage: quenby rebuildShadow <qbs shadow file> <fs list file> <out shadow>\n", stderr);
         return -1;
@@ -460,7 +467,7 @@ int rebuildShadow(const char* qbsFile, const char* fsListFile, const char* outSh
     }
 
     Files files;
-    int result = openAndWalk(files, qbsFile, sortedName, fsListFile, outShadow, expireData);
+    int result = openAndWalk(files, qbsFile, sortedName, fsListFile, outShadow, expireData, progress);
     result = closeFiles(files, result);
     std::free(expireData);
     if (result != 0)

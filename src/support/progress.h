@@ -27,6 +27,9 @@ public:
             check(records, bytesRead);
     }
 
+    // The size of the input, once it is known.
+    void setTotal(uint64_t totalBytes) { total_ = totalBytes; }
+
     // Erases the line if it is shown; a later tick may draw it again.
     void finish();
 

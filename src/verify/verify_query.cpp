@@ -5,6 +5,7 @@
 #include "rebuild/record_fetch.h"
 #include "support/debug_level.h"
 #include "support/file_open.h"
+#include "support/progress.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -30,7 +31,8 @@ struct FreeDeleter {
 class QueryWalk {
 public:
     QueryWalk(VerifyContext& v, LineSource& index, LineSource& query, const char* queryName)
-        : v_(v), index_(index), query_(query), queryName_(queryName)
+        : v_(v), index_(index), query_(query), queryName_(queryName),
+          progress_("verifyshadow", index.size() + query.size(), v.progressWanted)
     {
         shadowAt_.attach(v.shadow.fd());
         shadowRecords_.map();
@@ -47,6 +49,7 @@ private:
             std::fprintf(stderr, "quenby:VERIFYSHADOW::1::failed reading QBS QueryShadow record, rc=%d\n", rc);
             return rc;
         }
+        progress_.tick(++queries_, query_.bytesRead() + index_.bytesRead());
         return checkOrder();
     }
     // A query line out of path order would be reported as missing files.
@@ -65,7 +68,8 @@ private:
         // The test looks at no more than the first eight bytes.
         char head[16] = {};
         q_.path.copy(head, sizeof head - 1);
-        return isInternalPath(head, InternalPaths::toolOnly) || q_.path.find_first_of(UnsupQBSCharList) != std::string_view::npos;
+        return isInternalPath(head, InternalPaths::toolOnly) || std::memchr(q_.path.data(), UnsupQBSCharList[0], q_.path.size()) != nullptr
+               || std::memchr(q_.path.data(), UnsupQBSCharList[1], q_.path.size()) != nullptr;
     }
     int shadowTail();
     int queryTail();
@@ -74,6 +78,8 @@ private:
     LineSource& index_;
     LineSource& query_;
     const char* queryName_;
+    ProgressLine progress_;
+    uint64_t queries_ = 0;
     // The shadow records the index points at, read where they stand.
     LineSource shadowAt_{{.access = LineSource::Access::positioned, .blockSize = 8 * 1024}};
     RecordFetch shadowRecords_{shadowAt_, {}};
