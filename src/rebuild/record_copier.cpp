@@ -48,7 +48,7 @@ bool RecordCopier::start(const char* indexPath, const char* list, size_t size)
     if (ring_ != nullptr) {
         list_ = list;
         size_ = size;
-        written_ = read_ = 0;
+        written_ = read_ = passed_ = 0;
         write_ = pending_ = take_ = held_ = 0;
         done_ = stop_ = false;
         try {
@@ -85,6 +85,8 @@ void RecordCopier::run()
     bool going = true;
     while (going && !stop_ && index_.next(line) > 0) {
         const Pending next{index_.linesRead(), plainOffset(line)};
+        if (next.line <= passed_)
+            continue;
         if (next.offset >= 0 && static_cast<uint64_t>(next.offset) < size_)
             for (size_t at = static_cast<size_t>(next.offset), end = at + 256; at < end && at < size_; at += 64)
                 __builtin_prefetch(list_ + at);
@@ -106,6 +108,8 @@ void RecordCopier::run()
 // a whole line starts at a plain offset within the list.
 bool RecordCopier::put(const Pending& line)
 {
+    if (line.line <= passed_)
+        return true;
     const int64_t offset = line.offset;
     uint64_t span = kNotCopied;
     if (offset >= 0 && static_cast<uint64_t>(offset) < size_) {
@@ -181,11 +185,11 @@ char* RecordCopier::take(uint64_t lineNumber, int64_t offset, size_t& span)
         release();
     for (;;) {
         if (take_ == written_) {
-            if (done_ && take_ == written_)
-                return nullptr;
+            // Behind: the walk fetches this one itself, and the thread
+            // passes over what the walk has passed.
+            passed_ = lineNumber;
             release();
-            sleepUntil([&] { return take_ != written_ || done_; });
-            continue;
+            return nullptr;
         }
         const size_t at = take_ % kCapacity, tail = kCapacity - at;
         Entry entry{};
