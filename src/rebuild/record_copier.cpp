@@ -3,8 +3,8 @@
 #include "records/scanf_cursor.h"
 
 #include <cstdlib>
-#include <pthread.h>
 #include <cstring>
+#include <pthread.h>
 #include <system_error>
 #include <utility>
 
@@ -50,7 +50,7 @@ bool RecordCopier::start(const char* indexPath, const char* list, size_t size)
         size_ = size;
         written_ = read_ = passed_ = 0;
         write_ = pending_ = take_ = held_ = 0;
-        done_ = stop_ = false;
+        stop_ = false;
         try {
             thread_ = std::thread(&RecordCopier::run, this);
             pthread_setname_np(thread_.native_handle(), "quenby-copy"); // for ps and perf
@@ -100,8 +100,6 @@ void RecordCopier::run()
     for (; going && count > 0; --count, first = (first + 1) % kAhead)
         going = put(ahead[first]);
     publish();
-    done_ = true;
-    wake();
 }
 
 // One entry for an index line: the record line it points at, copied, when
@@ -147,7 +145,7 @@ bool RecordCopier::waitForRoom(size_t bytes)
 {
     if (kCapacity - (write_ - read_) >= bytes)
         return true;
-    publish(); // the walk may be waiting for what is written
+    publish(); // for the walk to take meanwhile
     // Sleeps until a quarter of the ring is free: fewer wake-ups.
     const size_t want = bytes > kCapacity / 4 ? bytes : kCapacity / 4;
     sleepUntil([&] { return stop_ || kCapacity - (write_ - read_) >= want; });
@@ -158,7 +156,6 @@ void RecordCopier::publish()
 {
     written_ = write_;
     pending_ = 0;
-    wake();
 }
 
 // Hands the ring up to the walk's position back to the thread.

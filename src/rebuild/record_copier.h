@@ -73,9 +73,8 @@ private:
     std::atomic<uint64_t> written_{0}; // published by the thread
     std::atomic<uint64_t> read_{0};    // published by the walk
     std::atomic<uint64_t> passed_{0};  // the last line the walk fetched itself
-    std::atomic<bool> done_{false};
     std::atomic<bool> stop_{false};
-    std::atomic<int> sleepers_{0};
+    std::atomic<int> sleepers_{0}; // the thread, waiting for room
     std::mutex mutex_;
     std::condition_variable changed_;
     uint64_t write_ = 0;   // the thread's own position
