@@ -65,7 +65,13 @@ private:
         // The test looks at no more than the first eight bytes.
         char head[16] = {};
         q_.path.copy(head, sizeof head - 1);
-        return isInternalPath(head, InternalPaths::toolOnly) || q_.path.find_first_of(UnsupQBSCharList) != std::string_view::npos;
+        if (isInternalPath(head, InternalPaths::toolOnly))
+            return true;
+        // One search per byte of the set, not one per byte of the path.
+        for (const char* c = UnsupQBSCharList; *c != '\0'; ++c)
+            if (q_.path.find(*c) != std::string_view::npos)
+                return true;
+        return false;
     }
     int shadowTail();
     int queryTail();
