@@ -204,6 +204,9 @@ char* RecordCopier::take(uint64_t lineNumber, int64_t offset, size_t& span)
             continue;
         }
         held_ = bytes;
+        // The next copy was written on the other core: its load starts now.
+        for (size_t ahead = 0; ahead < 512; ahead += 64)
+            __builtin_prefetch(ring_ + (take_ + bytes + ahead) % kCapacity);
         if (entry.offset != offset || entry.span == kNotCopied)
             return nullptr;
         span = entry.span;
