@@ -4,10 +4,10 @@
 #include "support/sys_call.h"
 
 #include <cerrno>
-#include <pthread.h>
-#include <fcntl.h>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <pthread.h>
 #include <system_error>
 #include <utility>
 

@@ -166,9 +166,10 @@ int readQueryRecord(LineSource& source, QueryPathRoom& room, queryRecord* rec, u
             return 22;
         room.size = 2 * room.size > pathLen + 1 ? 2 * room.size : pathLen + 1;
     }
-    // The path must be there, whole, after the first "!".
+    // The path must be there, whole, after the first "!"; the line holds no
+    // NUL before its length.
     const char* bang = std::strchr(line, '!');
-    if (bang == nullptr || strnlen(bang + 1, static_cast<size_t>(pathLen)) < static_cast<size_t>(pathLen)) {
+    if (bang == nullptr || line + view.length - (bang + 1) < pathLen) {
         std::fprintf(stderr, "quenby: readQueryRecord: failed to parse query record line [%s]\n", line);
         return -1;
     }

@@ -73,23 +73,27 @@ std::string_view bounded(const char* from, size_t len, size_t max)
     return {from, len < max ? len : max};
 }
 
-// strtoll(text, nullptr, 0), the plain decimals of a scan without the call.
-long long showNumber(const char* text)
+// strtoll of the text from `from` to `to`, base 0: the plain decimals of
+// a scan without the call.
+long long showNumber(const char* from, const char* to)
 {
     long long value = 0;
-    const char* p = text;
-    if (*p >= '1' && *p <= '9') {
-        for (; *p >= '0' && *p <= '9' && p - text < 18; ++p)
+    const char* p = from;
+    if (to - from <= 18 && p < to && *p >= '1' && *p <= '9') {
+        for (; p < to && *p >= '0' && *p <= '9'; ++p)
             value = value * 10 + (*p - '0');
-        if (*p == '\0')
+        if (p == to)
             return value;
     }
+    char text[kShowCopyMax + 1];
+    const size_t n = static_cast<size_t>(to - from);
+    std::memcpy(text, from, n);
+    text[n] = '\0';
     return std::strtoll(text, nullptr, 0);
 }
 
-// The SHOW values of a scan record, in a copy of its SHOW text.
+// The SHOW values of a scan record, as views into its line.
 struct ScanShow {
-    char copy[kShowCopyMax + 1];
     std::string_view mtime;
     std::string_view ctime;
     long long size = 0;
@@ -97,8 +101,8 @@ struct ScanShow {
     std::string_view migState;
 };
 
-// Splits the SHOW attribute (the text after the last "!" of the line; the
-// line holds no NUL).
+// Splits the SHOW attribute: at most 255 bytes of the text after the last
+// "!" of the line (which holds no NUL).
 int parsePolicyShow(const char* line, size_t length, ScanShow& show)
 {
     const char* bang = static_cast<const char*>(memrchr(line, '!', length));
@@ -106,46 +110,36 @@ int parsePolicyShow(const char* line, size_t length, ScanShow& show)
         std::fputs("quenby: parsePolicyShow: could not find SHOW data\n", stderr);
         return -1;
     }
-    char* copy = show.copy;
-    size_t copyLen = strnlen(bang + 1, kShowCopyMax);
-    std::memcpy(copy, bang + 1, copyLen);
-    copy[copyLen] = '\0';
-
-    char* b1 = std::strchr(copy, ' ');
-    if (b1 == nullptr) {
-        std::fputs("quenby: parsePolicyShow: could not find mtime date\n", stderr);
-        return -1;
-    }
-    char* b2 = std::strchr(b1 + 1, ' ');
+    const char* text = bang + 1;
+    const char* end = text + std::min<size_t>(static_cast<size_t>(line + length - text), kShowCopyMax);
+    auto blankAfter = [end](const char* at) {
+        return static_cast<const char*>(std::memchr(at + 1, ' ', static_cast<size_t>(end - (at + 1))));
+    };
+    const char* b1 = static_cast<const char*>(std::memchr(text, ' ', static_cast<size_t>(end - text)));
+    const char* b2 = b1 != nullptr ? blankAfter(b1) : nullptr;
     if (b2 == nullptr) {
-        std::fputs("quenby: parsePolicyShow: could not find mtime time\n", stderr);
+        std::fprintf(stderr, "quenby: parsePolicyShow: could not find mtime %s\n", b1 == nullptr ? "date" : "time");
         return -1;
     }
-    show.mtime = bounded(copy, static_cast<size_t>(b2 - copy), kTimeMax);
-    char* b3 = std::strchr(b2 + 1, ' ');
-    char* b4 = b3 != nullptr ? std::strchr(b3 + 1, ' ') : nullptr;
+    show.mtime = bounded(text, static_cast<size_t>(b2 - text), kTimeMax);
+    const char* b3 = blankAfter(b2);
+    const char* b4 = b3 != nullptr ? blankAfter(b3) : nullptr;
     if (b4 == nullptr) {
         std::fputs("quenby: parsePolicyShow: could not find ctime date\n", stderr);
         return -1;
     }
     show.ctime = bounded(b2 + 1, static_cast<size_t>(b4 - b2 - 1), kTimeMax);
-    char* b5 = std::strchr(b4 + 1, ' ');
+    const char* b5 = blankAfter(b4);
     if (b5 == nullptr) {
         std::fputs("quenby: parsePolicyShow: could not find file size\n", stderr);
         return -1;
     }
-    *b5 = '\0';
-    show.size = showNumber(b4 + 1);
-    char* b6 = std::strchr(b5 + 1, ' ');
-    if (b6 != nullptr) {
-        show.fileset = bounded(b5 + 1, static_cast<size_t>(b6 - b5 - 1), kFilesetMax);
-        show.migState = bounded(b6 + 1, std::strlen(b6 + 1), kMigStateMax);
-        show.migState = show.migState.substr(0, show.migState.find('\n'));
-    } else {
-        show.fileset = bounded(b5 + 1, std::strlen(b5 + 1), kFilesetMax);
-        show.fileset = show.fileset.substr(0, show.fileset.find('\n'));
-        show.migState = "resdnt";
-    }
+    show.size = showNumber(b4 + 1, b5);
+    const char* b6 = blankAfter(b5);
+    show.fileset = bounded(b5 + 1, static_cast<size_t>((b6 != nullptr ? b6 : end) - (b5 + 1)), kFilesetMax);
+    show.migState = b6 != nullptr ? bounded(b6 + 1, static_cast<size_t>(end - (b6 + 1)), kMigStateMax) : "resdnt";
+    std::string_view& last = b6 != nullptr ? show.migState : show.fileset;
+    last = last.substr(0, last.find('\n'));
     return 0;
 }
 
@@ -358,10 +352,11 @@ int Rebuild::writeMergedRecord()
     char* semi = static_cast<char*>(memrchr(line, ';', len));
     if (semi == nullptr)
         return 0;
-    *semi = '\0';
+    // Made before the line is cut: its SHOW values are views into it.
     const long long size = query_.fileSize < 0 ? scan.size : static_cast<long long>(query_.fileSize);
     char merged[640];
     const int mergedLen = mergedShow(merged, mtime, query_.attrFlag == 0 ? scan.ctime : ctime, size, scan);
+    *semi = '\0';
     if (flag > 15 && changePDRState(line, PDR_NORMAL) != 0)
         return -1;
     char length[24] = ";";

@@ -3,8 +3,8 @@
 #include "records/scanf_cursor.h"
 
 #include <cstdlib>
-#include <pthread.h>
 #include <cstring>
+#include <pthread.h>
 #include <system_error>
 #include <utility>
 
@@ -48,9 +48,9 @@ bool RecordCopier::start(const char* indexPath, const char* list, size_t size)
     if (ring_ != nullptr) {
         list_ = list;
         size_ = size;
-        written_ = read_ = 0;
+        written_ = read_ = passed_ = 0;
         write_ = pending_ = take_ = held_ = 0;
-        done_ = stop_ = false;
+        stop_ = false;
         try {
             thread_ = std::thread(&RecordCopier::run, this);
             pthread_setname_np(thread_.native_handle(), "quenby-copy"); // for ps and perf
@@ -85,6 +85,8 @@ void RecordCopier::run()
     bool going = true;
     while (going && !stop_ && index_.next(line) > 0) {
         const Pending next{index_.linesRead(), plainOffset(line)};
+        if (next.line <= passed_)
+            continue;
         if (next.offset >= 0 && static_cast<uint64_t>(next.offset) < size_)
             for (size_t at = static_cast<size_t>(next.offset), end = at + 256; at < end && at < size_; at += 64)
                 __builtin_prefetch(list_ + at);
@@ -98,14 +100,14 @@ void RecordCopier::run()
     for (; going && count > 0; --count, first = (first + 1) % kAhead)
         going = put(ahead[first]);
     publish();
-    done_ = true;
-    wake();
 }
 
 // One entry for an index line: the record line it points at, copied, when
 // a whole line starts at a plain offset within the list.
 bool RecordCopier::put(const Pending& line)
 {
+    if (line.line <= passed_)
+        return true;
     const int64_t offset = line.offset;
     uint64_t span = kNotCopied;
     if (offset >= 0 && static_cast<uint64_t>(offset) < size_) {
@@ -143,7 +145,7 @@ bool RecordCopier::waitForRoom(size_t bytes)
 {
     if (kCapacity - (write_ - read_) >= bytes)
         return true;
-    publish(); // the walk may be waiting for what is written
+    publish(); // for the walk to take meanwhile
     // Sleeps until a quarter of the ring is free: fewer wake-ups.
     const size_t want = bytes > kCapacity / 4 ? bytes : kCapacity / 4;
     sleepUntil([&] { return stop_ || kCapacity - (write_ - read_) >= want; });
@@ -154,7 +156,6 @@ void RecordCopier::publish()
 {
     written_ = write_;
     pending_ = 0;
-    wake();
 }
 
 // Hands the ring up to the walk's position back to the thread.
@@ -181,11 +182,11 @@ char* RecordCopier::take(uint64_t lineNumber, int64_t offset, size_t& span)
         release();
     for (;;) {
         if (take_ == written_) {
-            if (done_ && take_ == written_)
-                return nullptr;
+            // Behind: the walk fetches this one itself, and the thread
+            // passes over what the walk has passed.
+            passed_ = lineNumber;
             release();
-            sleepUntil([&] { return take_ != written_ || done_; });
-            continue;
+            return nullptr;
         }
         const size_t at = take_ % kCapacity, tail = kCapacity - at;
         Entry entry{};
@@ -203,6 +204,9 @@ char* RecordCopier::take(uint64_t lineNumber, int64_t offset, size_t& span)
             continue;
         }
         held_ = bytes;
+        // The next copy was written on the other core: its load starts now.
+        for (size_t ahead = 0; ahead < 512; ahead += 64)
+            __builtin_prefetch(ring_ + (take_ + bytes + ahead) % kCapacity);
         if (entry.offset != offset || entry.span == kNotCopied)
             return nullptr;
         span = entry.span;

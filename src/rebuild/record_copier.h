@@ -25,8 +25,9 @@ public:
     bool start(const char* indexPath, const char* list, size_t size);
     // The copy of the line at `offset` when index line `lineNumber` (as
     // LineSource counts them) points there: its first byte, NUL after its
-    // `span` bytes, the caller's to change until the next call; otherwise
-    // null. Copies of the lines before are dropped.
+    // `span` bytes, the caller's to change until the next call; otherwise,
+    // or when the thread has not got that far, null. Copies of the lines
+    // before are dropped. Never waits.
     char* take(uint64_t lineNumber, int64_t offset, size_t& span);
     // Ends the thread.
     void stop();
@@ -71,9 +72,9 @@ private:
     // Ring positions, counted in bytes from the start.
     std::atomic<uint64_t> written_{0}; // published by the thread
     std::atomic<uint64_t> read_{0};    // published by the walk
-    std::atomic<bool> done_{false};
+    std::atomic<uint64_t> passed_{0};  // the last line the walk fetched itself
     std::atomic<bool> stop_{false};
-    std::atomic<int> sleepers_{0};
+    std::atomic<int> sleepers_{0}; // the thread, waiting for room
     std::mutex mutex_;
     std::condition_variable changed_;
     uint64_t write_ = 0;   // the thread's own position
