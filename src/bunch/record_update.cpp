@@ -24,7 +24,7 @@ bool alreadyDone(int newState, uint32_t mark)
 
 // Remembers the state a path's record was given: 0, or -1 for a state no
 // report gives.
-int markDone(uint32_t& mark, int newState)
+int markDone(UpdateMark& mark, int newState)
 {
     if (newState == PDR_DELETE)
         mark = MARK_DELETE;
@@ -126,7 +126,7 @@ int RecordUpdater::rewrite(int fd, int newState, Record& rec)
     return 0;
 }
 
-int RecordUpdater::update(FILE* shadow, offset_t offset, int newState, uint32_t* mark)
+int RecordUpdater::update(FILE* shadow, offset_t offset, int newState, UpdateMark* mark)
 {
     if (quenby_debug > 0)
         std::fprintf(stderr, "quenby:updateShadowPDR()Entry: 0x%llx to [%x]\n", static_cast<unsigned long long>(offset),

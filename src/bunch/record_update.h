@@ -2,6 +2,7 @@
 // database, keeping the line's length so nothing else in the file moves.
 #pragma once
 
+#include "bunch/path_index.h"
 #include "records/policy_record.h"
 #include "records/record_reader.h"
 #include "support/line_source.h"
@@ -25,7 +26,7 @@ public:
     // `offset`: 0x0 done, 0xd expired, 0xb failed. `mark` is its path's
     // update mark, null when it has none. 0 when updated or nothing was
     // needed, else the failing step's code.
-    int update(FILE* shadow, offset_t offset, int newState, uint32_t* mark);
+    int update(FILE* shadow, offset_t offset, int newState, UpdateMark* mark);
 
     // Record lines written over themselves so far: a client run that wrote
     // any makes them durable before it reports.

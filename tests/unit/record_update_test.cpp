@@ -85,7 +85,7 @@ TEST(RecordUpdate, ReportsAndFailuresRewriteOnlyFlags)
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         const std::string text = shadow(c.before, c.ino2, c.gen2);
-        uint32_t mark = c.mark;
+        UpdateMark mark = static_cast<UpdateMark>(c.mark);
         auto [after, err] = updated(text, [&](FILE* f) {
             if (c.fault != SysCall::count_)
                 sysFailOn(c.fault, c.nth, EIO);
