@@ -378,7 +378,7 @@ int execAndMonitor(const char* command, PathIndex& index, RecordUpdater& updater
         std::printf("quenby: execAndMonitor() %s command close returned %d\n", label, status);
     // The driver takes the result line as done: the records it counts must
     // survive a crash of the machine.
-    if (shadow != nullptr && updater.linesWritten() != writtenBefore && sysFdatasync(fileno(shadow)) != 0) {
+    if (shadow != nullptr && updater.linesWritten() != writtenBefore && updater.makeDurable(fileno(shadow)) != 0) {
         std::printf("quenby: execAndMonitor() sync of the shadow database failed (err=%d)\n", portableErrnoNonZero());
         status = -1;
     }

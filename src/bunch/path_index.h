@@ -79,6 +79,8 @@ public:
     UpdateMark* markOf(uint32_t slot);
 
     uint32_t capacity() const { return capacity_; }
+    // Paths indexed.
+    uint32_t size() const { return slotsUsed_; }
     PathStore& store() { return store_; }
 
 private:
