@@ -136,7 +136,6 @@ char* PathStore::store(char* path)
 PathIndex::~PathIndex()
 {
     std::free(entries_);
-    std::free(marks_);
     std::free(taken_[0]);
 }
 
@@ -153,14 +152,11 @@ bool PathIndex::allocate()
         bits = takenWords_[level];
     }
     entries_ = static_cast<Entry*>(std::calloc(entryCount_, sizeof(Entry)));
-    marks_ = static_cast<UpdateMark*>(std::calloc(capacity_, sizeof(UpdateMark)));
     taken_[0] = static_cast<uint64_t*>(std::calloc(words, sizeof(uint64_t)));
-    if (entries_ == nullptr || marks_ == nullptr || taken_[0] == nullptr) {
+    if (entries_ == nullptr || taken_[0] == nullptr) {
         std::free(entries_);
-        std::free(marks_);
         std::free(taken_[0]);
         entries_ = nullptr;
-        marks_ = nullptr;
         taken_[0] = nullptr;
         return false;
     }
@@ -224,7 +220,7 @@ uint32_t PathIndex::place(const char* path, uint32_t hash, offset_t offset)
     uint64_t e = hash % entryCount_;
     while (entries_[e].offset != 0)
         e = e + 1 == entryCount_ ? 0 : e + 1;
-    entries_[e] = {offset, path, hash, slot};
+    entries_[e] = {offset, path, slot, static_cast<uint16_t>(hash >> 16), MARK_NONE};
     return slot;
 }
 
@@ -297,13 +293,14 @@ int PathIndex::insert(char* path, offset_t offset)
     return 0;
 }
 
-offset_t PathIndex::find(const char* path, uint32_t* slotOut)
+offset_t PathIndex::find(const char* path, uint32_t* slotOut, UpdateMark** markOut)
 {
     if (quenby_debug > 0)
         std::fprintf(stderr, "quenby:gsi_findIndex(%s)\n", path != nullptr ? path : "(null)");
     quenbyCheck(path != nullptr, "pathP != __null");
     offset_t result = 0;
     uint32_t slot = 0;
+    UpdateMark* mark = nullptr;
     if (entries_ != nullptr) {
         flushPending();
         const uint32_t hash = hash_(path, static_cast<uint32_t>(std::strlen(path)));
@@ -311,11 +308,13 @@ offset_t PathIndex::find(const char* path, uint32_t* slotOut)
         if (quenby_debug > 2)
             std::fprintf(stderr, "quenby:gsi_findIndex: looking for [%s] at %d\n", path, static_cast<int>(h));
         uint32_t found = kNoSlot;
+        const auto tag = static_cast<uint16_t>(hash >> 16);
         for (uint64_t e = hash % entryCount_; entries_[e].offset != 0; e = e + 1 == entryCount_ ? 0 : e + 1) {
-            if (entries_[e].hash == hash && std::strcmp(entries_[e].path, path) == 0) {
-                found = entries_[e].slot;
-                result = entries_[e].offset;
-                slot = found;
+            Entry& entry = entries_[e];
+            if (entry.tag == tag && std::strcmp(entry.path, path) == 0) {
+                found = slot = entry.slot;
+                result = entry.offset;
+                mark = &entry.mark;
                 break;
             }
         }
@@ -331,10 +330,7 @@ offset_t PathIndex::find(const char* path, uint32_t* slotOut)
         std::fprintf(stderr, "quenby:gsi_findIndex(%s)->0x%llx\n", path, static_cast<unsigned long long>(result));
     if (slotOut != nullptr)
         *slotOut = slot;
+    if (markOut != nullptr)
+        *markOut = mark;
     return result;
-}
-
-UpdateMark* PathIndex::markOf(uint32_t slot)
-{
-    return marks_ != nullptr && slot < capacity_ ? &marks_[slot] : nullptr;
 }

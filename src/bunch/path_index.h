@@ -45,7 +45,7 @@ public:
     uint32_t operator()(const void* key, uint32_t len) const;
 };
 
-// What this run already did to a record, kept for its path's slot.
+// What this run already did to a record, kept with its path.
 using UpdateMark = uint8_t;
 constexpr UpdateMark MARK_NONE = 0;
 constexpr UpdateMark MARK_NORMAL = 1;
@@ -55,8 +55,9 @@ constexpr UpdateMark MARK_BACKUP = 4;
 // A fixed number of slots numbered as open addressing with linear probing
 // numbers them (the first free slot at or after the hash's home), allocated
 // at the first insertion. Slots are never emptied. A path is found again
-// through a separate, roomier table whose entries hold the hash and the
-// offset, so that a lookup mostly reads one entry and the path it points to.
+// through a separate, roomier table whose entries hold a tag of the hash,
+// the offset and the mark, so that a lookup mostly reads one entry and the
+// path it points to.
 class PathIndex {
 public:
     // `capacity` 0: an unconfigured index, which takes and finds nothing.
@@ -73,10 +74,9 @@ public:
     // that received it, or -1 when the table cannot be allocated or is full.
     int add(char* storedPath, offset_t offset);
     // The offset registered for the path, 0 when it is not there; the slot
-    // number goes through `slotOut` when given.
-    offset_t find(const char* path, uint32_t* slotOut);
-    // The update mark of a slot, null when the index has no such slot.
-    UpdateMark* markOf(uint32_t slot);
+    // number goes through `slotOut` when given, its update mark through
+    // `markOut` (null when the path is not there).
+    offset_t find(const char* path, uint32_t* slotOut, UpdateMark** markOut = nullptr);
 
     uint32_t capacity() const { return capacity_; }
     // Paths indexed.
@@ -84,11 +84,13 @@ public:
     PathStore& store() { return store_; }
 
 private:
+    // Everything a lookup needs in one place: most cost one cache miss.
     struct Entry {
         offset_t offset; // 0: empty
         const char* path;
-        uint32_t hash; // compared before the paths are
         uint32_t slot;
+        uint16_t tag; // of the hash, compared before the paths are
+        UpdateMark mark;
     };
     struct Pending {
         const char* path;
@@ -113,7 +115,6 @@ private:
     // paths are met in the order they came.
     Entry* entries_ = nullptr;
     uint64_t entryCount_ = 0;
-    UpdateMark* marks_ = nullptr; // by slot
     // Taken slots, one bit each, in three levels: a bit above is set when
     // its word below is full, so the first free slot after any slot is a
     // few words away however long the run of taken ones.
