@@ -253,7 +253,9 @@ int runBunch(const char* inList, const char* outChange, const char* outExpire, c
     }
     const bool sparse = (last - first) / kSparseBytesPerRecord > static_cast<offset_t>(index.size());
     RecordUpdater updater(oldFormatExpiry, {.positioned = settings.write == WriteChoice::positioned
-                                                          || (settings.write == WriteChoice::byDensity && sparse)});
+                                                          || (settings.write == WriteChoice::byDensity && sparse),
+                                            .sliceFirst = first,
+                                            .sliceLast = last});
     BunchRun run{index, updater, nullptr, first, last};
     if (!oldFormatExpiry && !openShadow(shadowDB, shadow))
         return 101;

@@ -49,17 +49,26 @@ size_t pageSize()
 
 } // namespace
 
-ShadowMapping::ShadowMapping(size_t residentBytes) : residentBytes_(residentBytes), pageBytes_(pageSize()) {}
+ShadowMapping::ShadowMapping(size_t residentBytes, offset_t first, offset_t last)
+    : residentBytes_(residentBytes), pageBytes_(pageSize()), first_(first), last_(last)
+{
+}
 
-// Maps the file from the page of `offset` to its end: 1, 0 when `offset`
-// is at or past the end, -1 (errno) when the file cannot be mapped.
+// Maps the slice, with `offset` in it: 1, 0 when `offset` is at or past
+// the end of the file, -1 (errno) when the file cannot be mapped.
 int ShadowMapping::map(int fd, offset_t offset)
 {
     struct stat st {};
     if (sysFstat(fd, &st) != 0)
         return -1;
-    if (offset >= static_cast<offset_t>(st.st_size))
+    const auto size = static_cast<offset_t>(st.st_size);
+    if (offset >= size)
         return 0;
+    const offset_t from = first_ > 0 && first_ < offset ? first_ : offset;
+    const offset_t upTo = last_ > offset ? last_ : offset;
+    const offset_t to = last_ == 0 || size - upTo <= static_cast<offset_t>(tailBytes_)
+                            ? size
+                            : upTo + static_cast<offset_t>(tailBytes_);
     // What was stored goes to the file before the pages are let go of.
     if (syncStored() != 0 && pendingFailure_ == 0)
         pendingFailure_ = errno;
@@ -67,13 +76,14 @@ int ShadowMapping::map(int fd, offset_t offset)
         sysMunmap(base_, length_);
     base_ = nullptr;
     fd_ = fd;
-    start_ = offset - static_cast<offset_t>(static_cast<uint64_t>(offset) % pageBytes_);
-    const auto length = static_cast<size_t>(st.st_size - start_);
+    start_ = from - static_cast<offset_t>(static_cast<uint64_t>(from) % pageBytes_);
+    const auto length = static_cast<size_t>(to - start_);
     void* at = sysMmap(length, PROT_READ | PROT_WRITE, MAP_SHARED, fd, static_cast<off_t>(start_));
     if (at == MAP_FAILED)
         return -1;
     base_ = static_cast<char*>(at);
     length_ = length;
+    toEnd_ = to == size;
     releasedTo_ = 0;
     return 1;
 }
@@ -103,9 +113,12 @@ int ShadowMapping::lineAt(int fd, offset_t offset, char*& line, size_t& span)
                 return 1;
             }
         }
-        // Once mapped afresh to the end of the file, there is no whole line.
-        if (mapped)
+        // Mapped afresh to the end of the file: no whole line. A line past
+        // the slice's end is mapped with more of what follows.
+        if (mapped && toEnd_)
             return 0;
+        if (mapped)
+            tailBytes_ *= 2;
         if (int rc = map(fd, offset); rc <= 0)
             return rc;
     }
@@ -170,7 +183,8 @@ int ShadowMapping::close()
 }
 
 RecordUpdater::RecordUpdater(bool oldFormatExpiry, WriteOptions write)
-    : oldFormatExpiry_(oldFormatExpiry), positioned_(write.positioned), mapped_(write.residentBytes)
+    : oldFormatExpiry_(oldFormatExpiry), positioned_(write.positioned),
+      mapped_(write.residentBytes, write.sliceFirst, write.sliceLast)
 {
 }
 

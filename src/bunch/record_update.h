@@ -11,15 +11,17 @@
 #include <cstdint>
 #include <cstdio>
 
-// The shadow database mapped shared, from the page of the first record
-// asked for to its end, read and written in place: a store is in the page
-// cache at once, as a pwrite's bytes are. Pages far behind the records
-// asked for are let go of, so that few stay resident however long the
-// slice; what was stored in them stays in the page cache and goes to the
-// file with the next flush.
+// The bunch's slice of the shadow database mapped shared, read and written
+// in place: a store is in the page cache at once, as a pwrite's bytes are.
+// The slice runs from the page of its first record to a little past its
+// last, and grows when a line reaches further (to the end of the file when
+// the slice is not known). Pages far behind the records asked for are let
+// go of, so that few stay resident however long the slice; what was stored
+// in them stays in the page cache and goes to the file with the next flush.
 class ShadowMapping {
 public:
-    explicit ShadowMapping(size_t residentBytes);
+    // The slice: the offsets of its first and last record, 0 and 0 when unknown.
+    ShadowMapping(size_t residentBytes, offset_t first, offset_t last);
     ~ShadowMapping() { close(); }
     ShadowMapping(const ShadowMapping&) = delete;
     ShadowMapping& operator=(const ShadowMapping&) = delete;
@@ -45,6 +47,10 @@ private:
 
     const size_t residentBytes_;
     const size_t pageBytes_;
+    const offset_t first_;
+    const offset_t last_;
+    size_t tailBytes_ = 64 * 1024; // mapped past the last record
+    bool toEnd_ = false; // the mapping reaches the end of the file
     int fd_ = -1;
     char* base_ = nullptr;
     size_t length_ = 0;
@@ -61,6 +67,8 @@ private:
 struct WriteOptions {
     bool positioned = false;
     size_t residentBytes = 8u << 20;
+    offset_t sliceFirst = 0; // the bunch's first and last record, 0 and 0 when unknown
+    offset_t sliceLast = 0;
 };
 
 // One execbunch run's rewriting of records: the buffers a record is read

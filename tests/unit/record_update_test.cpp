@@ -108,7 +108,7 @@ TEST(RecordUpdate, ReportsAndFailuresRewriteOnlyFlags)
 }
 
 // Records across the read window's edges, longer than the line buffer or the window, and mapped with the pages
-// behind let go of; the last, cut, is never rewritten.
+// behind let go of, also past the slice's end; the last, cut, is never rewritten.
 TEST(RecordUpdate, ReadWindowAndMappingMatchPlainReads)
 {
     std::vector<offset_t> at;
@@ -121,13 +121,15 @@ TEST(RecordUpdate, ReadWindowAndMappingMatchPlainReads)
     }
     text.pop_back();
     want.pop_back();
-    for (bool positioned : {false, true}) {
-        RecordUpdater updater(false, {.positioned = positioned, .residentBytes = 4096}); // no marks: every report reads
+    // Mapped to the end of the file, and mapped as a slice from the second record to the third that grows.
+    for (WriteOptions write : {WriteOptions{.positioned = true}, WriteOptions{.residentBytes = 4096},
+                               WriteOptions{.residentBytes = 4096, .sliceFirst = at[1], .sliceLast = at[2]}}) {
+        RecordUpdater updater(false, write); // no marks: every report reads
         EXPECT_TRUE(updated(text, [&](FILE* f) {
             RecordReadWindow window(updater);
             for (offset_t offset : at)
                 EXPECT_EQ(updater.update(f, offset, 0x0, nullptr), 0);
-        }).first == want) << positioned;
+        }).first == want) << write.positioned << write.sliceLast;
     }
 }
 
