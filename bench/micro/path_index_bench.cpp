@@ -1,6 +1,8 @@
-// The path index of execbunch: PathHash over keys of growing length, and
-// PathIndex::find in a table of a million slots filled to 50, 90 and 100 per
-// cent, looking up present and absent paths in random order.
+// The path index of execbunch: PathHash over keys of growing length,
+// PathIndex::insert of the paths of a table of a million slots filled to 50,
+// 90 and 100 per cent, and PathIndex::find in those tables: present and
+// absent paths in random order, and present ones in the order they were
+// registered, as a client reports them.
 #include "bunch/path_index.h"
 #include "sample_data.h"
 
@@ -100,7 +102,7 @@ struct Query {
 struct LoadedIndex {
     int percent = -1;
     std::unique_ptr<PathIndex> index;
-    std::vector<Query> hits, misses;
+    std::vector<Query> hits, misses, inOrder;
 } loaded;
 
 // Fills the index to `percent` of its slots; the error text, or null.
@@ -119,6 +121,7 @@ const char* loadIndex(int percent)
     std::mt19937_64 rng(static_cast<uint64_t>(percent));
     for (uint32_t i = 0; i < filled; ++i)
         loaded.hits.push_back({paths.present.at(i), paths.offsets[i]});
+    loaded.inOrder = loaded.hits;
     for (size_t i = 0; i < kAbsent; ++i)
         loaded.misses.push_back({paths.absent.at(i), 0});
     std::shuffle(loaded.hits.begin(), loaded.hits.end(), rng);
@@ -135,7 +138,7 @@ void BM_pathIndexFind(benchmark::State& state)
         state.SkipWithError(error);
         return;
     }
-    const std::vector<Query>& queries = hit ? loaded.hits : loaded.misses;
+    const std::vector<Query>& queries = !hit ? loaded.misses : state.range(2) != 0 ? loaded.inOrder : loaded.hits;
     PathIndex& index = *loaded.index;
 
     size_t next = 0;
@@ -151,12 +154,35 @@ void BM_pathIndexFind(benchmark::State& state)
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_pathIndexFind)
-    ->ArgNames({"load_pct", "hit"})
-    ->Args({50, 1})
-    ->Args({50, 0})
-    ->Args({90, 1})
-    ->Args({90, 0})
-    ->Args({100, 1})
-    ->Args({100, 0});
+    ->ArgNames({"load_pct", "hit", "in_order"})
+    ->Args({50, 1, 0})
+    ->Args({50, 1, 1})
+    ->Args({50, 0, 0})
+    ->Args({90, 1, 0})
+    ->Args({90, 1, 1})
+    ->Args({90, 0, 0})
+    ->Args({100, 1, 0})
+    ->Args({100, 1, 1})
+    ->Args({100, 0, 0});
+
+// Registration as execbunch does it while it splits a bunch: every path
+// stored and indexed, the table allocated at the first one.
+void BM_pathIndexInsert(benchmark::State& state)
+{
+    const int percent = static_cast<int>(state.range(0));
+    const uint32_t filled = static_cast<uint32_t>(static_cast<uint64_t>(kSlots) * percent / 100);
+    SamplePaths& paths = samplePaths();
+    bool wrong = false;
+    for (auto _ : state) {
+        PathIndex index(kSlots);
+        for (uint32_t i = 0; i < filled; ++i)
+            wrong |= index.insert(paths.present.at(i), paths.offsets[i]) != 0;
+        wrong |= index.find(paths.present.at(filled - 1), nullptr) != paths.offsets[filled - 1];
+    }
+    if (wrong)
+        state.SkipWithError("a path was not taken or not found");
+    state.SetItemsProcessed(state.iterations() * filled);
+}
+BENCHMARK(BM_pathIndexInsert)->ArgName("load_pct")->Arg(50)->Arg(90)->Arg(100)->Unit(benchmark::kMillisecond);
 
 } // namespace

@@ -65,8 +65,11 @@ bool removePathPart(char* path, const char* removePath)
 
 void unescapeBunchPath(char* path)
 {
-    char* out = path;
-    for (const char* in = path; *in != '\0'; ++in) {
+    // Nothing before the first backslash moves; most paths have none.
+    char* out = std::strchr(path, '\\');
+    if (out == nullptr)
+        return;
+    for (const char* in = out; *in != '\0'; ++in) {
         if (in[0] == '\\' && in[1] == 'n') {
             *out++ = '\n';
             ++in;

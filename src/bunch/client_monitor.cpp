@@ -99,8 +99,8 @@ void Monitor::fileReport(char* text, const FileReport& report)
     if (updater_.oldFormatExpiry())
         return;
 
-    uint32_t slot = 0;
-    offset_t offset = index_.find(path, &slot);
+    UpdateMark* mark = nullptr;
+    offset_t offset = index_.find(path, nullptr, &mark);
     if (offset == 0) {
         std::printf("quenby:execAndMonitor() unrequested %s path:%s\n", label_, path);
         return;
@@ -109,7 +109,7 @@ void Monitor::fileReport(char* text, const FileReport& report)
         std::printf("quenby:execAndMonitor()%s %s outside range [%llx - %llx]\n", label_, path,
                     static_cast<unsigned long long>(first_), static_cast<unsigned long long>(last_));
     ++updated;
-    updater_.update(shadow_, offset, state, index_.markOf(slot));
+    updater_.update(shadow_, offset, state, mark);
 }
 
 void Monitor::line(char* text)
@@ -378,7 +378,7 @@ int execAndMonitor(const char* command, PathIndex& index, RecordUpdater& updater
         std::printf("quenby: execAndMonitor() %s command close returned %d\n", label, status);
     // The driver takes the result line as done: the records it counts must
     // survive a crash of the machine.
-    if (shadow != nullptr && updater.linesWritten() != writtenBefore && sysFdatasync(fileno(shadow)) != 0) {
+    if (shadow != nullptr && updater.linesWritten() != writtenBefore && updater.makeDurable(fileno(shadow)) != 0) {
         std::printf("quenby: execAndMonitor() sync of the shadow database failed (err=%d)\n", portableErrnoNonZero());
         status = -1;
     }

@@ -36,12 +36,24 @@ const ClientCommand commands[] = {
     {BUNCH_LIST_UPDATE, "KESTREL_UPDATE_CMD", "update", PDR_NORMAL, "quenby: Metadata update with %s\n"},
 };
 
+// How the records are rewritten (QUENBY_WRITE): through a shared mapping,
+// with pwrite, or by the bunch's density when unset.
+enum class WriteChoice { byDensity, mapped, positioned, unknown };
+
+// A bunch sparser than one record in this many bytes of its range is
+// rewritten with pwrite: a store into a mapping dirties a whole page-cache
+// folio, which is written back whole (tens of kilobytes on current
+// kernels), where pwrite dirties the one block.
+constexpr offset_t kSparseBytesPerRecord = 64 * 1024;
+
 // The run's whole environment, read once at its start.
 struct Settings {
     const char* command[std::size(commands)]; // by the order of `commands`
     bool lockShadow;
     bool quotedPaths;
     int clientTimeout;
+    const char* writeText; // QUENBY_WRITE as set
+    WriteChoice write;
 };
 
 Settings readSettings()
@@ -52,6 +64,13 @@ Settings readSettings()
     s.lockShadow = std::getenv("KESTREL_LOCK_SHADOW") != nullptr;
     s.quotedPaths = std::getenv("KESTREL_NO_QUOTES") == nullptr;
     s.clientTimeout = clientTimeoutSetting(std::getenv("QUENBY_CLIENT_TIMEOUT"));
+    // Rewrites through a shared mapping unless positioned writes are asked
+    // for; a misspelt choice must not pick either.
+    s.writeText = std::getenv("QUENBY_WRITE");
+    s.write = s.writeText == nullptr                  ? WriteChoice::byDensity
+              : std::strcmp(s.writeText, "mmap") == 0   ? WriteChoice::mapped
+              : std::strcmp(s.writeText, "pwrite") == 0 ? WriteChoice::positioned
+                                                        : WriteChoice::unknown;
     return s;
 }
 
@@ -61,10 +80,12 @@ bool isDevNull(const char* path)
 }
 
 // The write lock on the byte range of the bunch's records; the whole file
-// is unlocked when it goes, also on the way out of a failure.
+// is unlocked when it goes, also on the way out of a failure, once what
+// the updater stored in its mapping is in the file system: another node
+// that takes the lock next reads it from there.
 class ShadowLock {
 public:
-    ShadowLock() = default;
+    explicit ShadowLock(RecordUpdater& updater) : updater_(updater) {}
     ShadowLock(const ShadowLock&) = delete;
     ShadowLock& operator=(const ShadowLock&) = delete;
     ~ShadowLock() { release(); }
@@ -94,6 +115,9 @@ public:
     {
         if (fd_ < 0)
             return;
+        if (updater_.flushMapped() != 0 && quenby_debug > 0)
+            std::fprintf(stderr, "quenby: execBunch() flush of the shadow database failed (err=%d)\n",
+                         portableErrnoNonZero());
         struct flock whole {};
         whole.l_type = F_UNLCK;
         whole.l_whence = SEEK_SET;
@@ -104,6 +128,7 @@ public:
     }
 
 private:
+    RecordUpdater& updater_;
     int fd_ = -1;
 };
 
@@ -181,7 +206,7 @@ int lockRange(ShadowLock& lock, BunchRun& run, const char* shadowDB)
 // Runs the clients, under the lock when asked for.
 int runClients(int mask, BunchRun& run, const char* shadowDB, const Settings& settings, bool locking)
 {
-    ShadowLock lock;
+    ShadowLock lock(run.updater);
     if (locking)
         if (int rc = lockRange(lock, run, shadowDB))
             return rc;
@@ -212,20 +237,26 @@ int runBunch(const char* inList, const char* outChange, const char* outExpire, c
     }
     // An old-format bunch registers no path.
     PathIndex index(oldFormatExpiry ? 0 : static_cast<uint32_t>(bunchSize < 100 ? 100 : bunchSize));
-    RecordUpdater updater(oldFormatExpiry);
     // execbunch's messages go to standard output, where the driver reads them.
     if (refuseSharedOutputs(stdout, "quenby:execBunch(): ", {inList}, {shadowDB, outChange, outExpire, outStateChange})
         != 0)
         return -1;
     const bool locking = settings.lockShadow && !oldFormatExpiry;
 
-    BunchRun run{index, updater, nullptr, 0, 0};
-    int mask = parseBackupRecords(inList, outChange, outExpire, outStateChange, removePath, &run.firstOffset,
-                                  &run.lastOffset, index, settings.quotedPaths);
+    offset_t first = 0;
+    offset_t last = 0;
+    int mask = parseBackupRecords(inList, outChange, outExpire, outStateChange, removePath, &first, &last, index,
+                                  settings.quotedPaths);
     if (mask <= 0) {
         std::printf("quenby:execBunch() error %d parsing records, skipping exec\n", mask);
         return mask;
     }
+    const bool sparse = (last - first) / kSparseBytesPerRecord > static_cast<offset_t>(index.size());
+    RecordUpdater updater(oldFormatExpiry, {.positioned = settings.write == WriteChoice::positioned
+                                                          || (settings.write == WriteChoice::byDensity && sparse),
+                                            .sliceFirst = first,
+                                            .sliceLast = last});
+    BunchRun run{index, updater, nullptr, first, last};
     if (!oldFormatExpiry && !openShadow(shadowDB, shadow))
         return 101;
     run.shadow = shadow.get();
@@ -248,6 +279,11 @@ int execBunch(const char* inList, const char* outChange, const char* outExpire, 
         std::fputs("Usage: quenby execBunch <inList> <outChange> <outExpire> <outStateChange> <shadowDB> "
                    "<bunchSize> [<removePath>] \n",
                    stdout);
+        return -1;
+    }
+    if (settings.write == WriteChoice::unknown) {
+        std::printf("quenby:execBunch(): QUENBY_WRITE=%s is neither mmap nor pwrite\n", settings.writeText);
+        std::fflush(stdout);
         return -1;
     }
 

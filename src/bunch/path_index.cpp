@@ -19,55 +19,37 @@ const uint32_t kMix[kMixWords] = {
 };
 
 constexpr uint32_t kNoSlot = UINT32_MAX;
+constexpr uint64_t kNone = UINT64_MAX;
+constexpr uint64_t kFull = ~0ull;
 
-uint32_t bigEndianWord(const uint32_t* word)
+uint32_t bigEndianWord(const unsigned char* b)
 {
-    const unsigned char* b = reinterpret_cast<const unsigned char*>(word);
     return static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 | static_cast<uint32_t>(b[2]) << 8
            | b[3];
 }
 
 } // namespace
 
-PathHash::~PathHash()
+uint32_t PathHash::operator()(const void* key, uint32_t len) const
 {
-    std::free(scratch_);
-}
-
-uint32_t PathHash::operator()(const void* key, uint32_t len)
-{
-    uint32_t n = ((len + 7) >> 3) << 1;
-    if (n == 0)
-        n = 2;
-    if (n > scratchWords_) {
-        std::free(scratch_);
-        scratch_ = static_cast<uint32_t*>(std::malloc(static_cast<size_t>(n) * sizeof(uint32_t)));
-        scratchWords_ = scratch_ != nullptr ? n : 0;
-    }
-    // Without a scratch buffer the key goes through one zero-padded group
-    // at a time; the value is the same.
-    uint32_t group[2];
-    const unsigned char* bytes = static_cast<const unsigned char*>(key);
-    if (scratch_ != nullptr) {
-        scratch_[n - 2] = 0;
-        scratch_[n - 1] = 0;
-        std::memcpy(scratch_, key, len);
-    }
-
+    // Groups of eight bytes, the last one padded with zeros; an empty key
+    // is one group of zeros.
+    const auto* bytes = static_cast<const unsigned char*>(key);
+    const uint32_t groups = len == 0 ? 1 : (len + 7) >> 3;
     uint32_t h = 0;
     uint32_t i = 0;
     uint32_t j = 1;
-    for (uint32_t k = 0; k < n; k += 2) {
-        const uint32_t* words = scratch_ + k;
-        if (scratch_ == nullptr) {
-            uint32_t at = k * 4;
-            uint32_t take = len > at ? (len - at < 8 ? len - at : 8) : 0;
-            group[0] = group[1] = 0;
-            std::memcpy(group, bytes + at, take);
-            words = group;
+    for (uint32_t g = 0; g < groups; ++g) {
+        const uint32_t at = g * 8;
+        const unsigned char* group = bytes + at;
+        unsigned char tail[8] = {};
+        if (len - at < 8) {
+            if (len > at)
+                std::memcpy(tail, group, len - at);
+            group = tail;
         }
-        uint32_t a = bigEndianWord(words);
-        uint32_t b = bigEndianWord(words + 1);
+        uint32_t a = bigEndianWord(group);
+        uint32_t b = bigEndianWord(group + 4);
         uint64_t p = static_cast<uint64_t>(a - kMix[i]) * static_cast<uint64_t>(b - kMix[j]);
         h ^= static_cast<uint32_t>((p >> 31) + p);
         i += 2;
@@ -153,66 +135,109 @@ char* PathStore::store(char* path)
 
 PathIndex::~PathIndex()
 {
-    std::free(slots_);
-    for (uint32_t* p : {freeNext_, chainNext_, bucketHead_, bucketTail_})
-        std::free(p);
+    std::free(entries_);
+    std::free(taken_[0]);
 }
 
-bool PathIndex::allocateSlots()
+bool PathIndex::allocate()
 {
-    uint32_t buckets = 1;
-    while (buckets < capacity_ && buckets < (1u << 31))
-        buckets <<= 1;
-    slots_ = static_cast<Slot*>(std::calloc(capacity_, sizeof(Slot)));
-    freeNext_ = static_cast<uint32_t*>(std::malloc(sizeof(uint32_t) * capacity_));
-    chainNext_ = static_cast<uint32_t*>(std::malloc(sizeof(uint32_t) * capacity_));
-    bucketHead_ = static_cast<uint32_t*>(std::malloc(sizeof(uint32_t) * buckets));
-    bucketTail_ = static_cast<uint32_t*>(std::malloc(sizeof(uint32_t) * buckets));
-    if (slots_ == nullptr || freeNext_ == nullptr || chainNext_ == nullptr || bucketHead_ == nullptr
-        || bucketTail_ == nullptr) {
-        std::free(slots_);
-        slots_ = nullptr;
-        for (uint32_t** p : {&freeNext_, &chainNext_, &bucketHead_, &bucketTail_}) {
-            std::free(*p);
-            *p = nullptr;
-        }
+    // At least one entry stays empty, which ends every probe.
+    const uint64_t wanted = static_cast<uint64_t>(capacity_) + capacity_ / 2 + 1;
+    entryCount_ = wanted < (1ull << 32) ? wanted : 1ull << 32;
+    uint64_t bits = capacity_;
+    uint64_t words = 0;
+    for (int level = 0; level < 3; ++level) {
+        takenWords_[level] = (bits + 63) / 64;
+        words += takenWords_[level];
+        bits = takenWords_[level];
+    }
+    entries_ = static_cast<Entry*>(std::calloc(entryCount_, sizeof(Entry)));
+    taken_[0] = static_cast<uint64_t*>(std::calloc(words, sizeof(uint64_t)));
+    if (entries_ == nullptr || taken_[0] == nullptr) {
+        std::free(entries_);
+        std::free(taken_[0]);
+        entries_ = nullptr;
+        taken_[0] = nullptr;
         return false;
     }
-    for (uint32_t s = 0; s < capacity_; ++s)
-        freeNext_[s] = s;
-    for (uint32_t b = 0; b < buckets; ++b)
-        bucketHead_[b] = bucketTail_[b] = kNoSlot;
-    bucketMask_ = buckets - 1;
-    slotsUsed_ = 0;
+    // The bits past the end of each level count as taken.
+    bits = capacity_;
+    for (int level = 0; level < 3; ++level) {
+        if (level > 0)
+            taken_[level] = taken_[level - 1] + takenWords_[level - 1];
+        if (bits % 64 != 0)
+            taken_[level][bits / 64] = kFull << (bits % 64);
+        bits = takenWords_[level];
+    }
     return true;
 }
 
-// The first free slot at or after `h`, cyclically; the table is not full.
-uint32_t PathIndex::firstFreeFrom(uint32_t h)
+// The first free slot (level 0) or not full word below (levels above) at
+// or after `from`, without wrapping; kNone when there is none.
+uint64_t PathIndex::nextFree(int level, uint64_t from) const
 {
-    uint32_t root = h;
-    while (freeNext_[root] != root)
-        root = freeNext_[root];
-    for (uint32_t s = h; freeNext_[s] != root;) {
-        uint32_t next = freeNext_[s];
-        freeNext_[s] = root;
-        s = next;
+    const uint64_t bits = level == 0 ? capacity_ : takenWords_[level - 1];
+    if (from >= bits)
+        return kNone;
+    uint64_t w = from >> 6;
+    uint64_t free = ~taken_[level][w] & (kFull << (from & 63));
+    if (free == 0) {
+        if (level == 2) {
+            do
+                ++w;
+            while (w < takenWords_[2] && taken_[2][w] == kFull);
+            if (w == takenWords_[2])
+                return kNone;
+        } else if ((w = nextFree(level + 1, w + 1)) == kNone) {
+            return kNone;
+        }
+        free = ~taken_[level][w];
     }
-    return root;
+    return (w << 6) + static_cast<uint64_t>(__builtin_ctzll(free));
 }
 
-// Takes the slot out of the free forest and chains it into its bucket.
-void PathIndex::link(uint32_t slot, uint32_t hash)
+// Where linear probing puts a path whose home is `home`, taken; the table
+// is not full.
+uint32_t PathIndex::takeSlot(uint32_t home)
 {
-    freeNext_[slot] = slot + 1 == capacity_ ? 0 : slot + 1;
-    ++slotsUsed_;
-    const uint32_t b = hash & bucketMask_;
-    chainNext_[slot] = kNoSlot;
-    if (bucketTail_[b] == kNoSlot)
-        bucketHead_[b] = slot;
-    else
-        chainNext_[bucketTail_[b]] = slot;
-    bucketTail_[b] = slot;
+    uint64_t s = nextFree(0, home);
+    if (s == kNone)
+        s = nextFree(0, 0);
+    const auto slot = static_cast<uint32_t>(s);
+    for (int level = 0; level < 3; ++level) {
+        uint64_t& word = taken_[level][s >> 6];
+        word |= 1ull << (s & 63);
+        if (word != kFull)
+            break;
+        s >>= 6;
+    }
+    return slot;
+}
+
+uint32_t PathIndex::place(const char* path, uint32_t hash, offset_t offset)
+{
+    const uint32_t slot = takeSlot(hash % capacity_);
+    uint64_t e = hash % entryCount_;
+    while (entries_[e].offset != 0)
+        e = e + 1 == entryCount_ ? 0 : e + 1;
+    entries_[e] = {offset, path, slot, static_cast<uint16_t>(hash >> 16), MARK_NONE};
+    return slot;
+}
+
+// Indexes the batch in the order it came: every path hashed and its entry
+// fetched first, so that their cache misses overlap.
+void PathIndex::flushPending()
+{
+    for (int i = 0; i < pendingCount_; ++i) {
+        Pending& p = pending_[i];
+        p.hash = hash_(p.path, static_cast<uint32_t>(std::strlen(p.path)));
+        const Entry* home = &entries_[p.hash % entryCount_];
+        __builtin_prefetch(home, 1);
+        __builtin_prefetch(reinterpret_cast<const char*>(home + 1) - 1, 1);
+    }
+    for (int i = 0; i < pendingCount_; ++i)
+        place(pending_[i].path, pending_[i].hash, pending_[i].offset);
+    pendingCount_ = 0;
 }
 
 int PathIndex::add(char* storedPath, offset_t offset)
@@ -222,19 +247,32 @@ int PathIndex::add(char* storedPath, offset_t offset)
                      static_cast<unsigned long long>(offset));
     quenbyCheck(storedPath != nullptr, "pathP != __null");
     quenbyCheck(offset != 0, "index != 0");
-    if (slots_ == nullptr && (capacity_ == 0 || !allocateSlots()))
+    if (entries_ == nullptr && (capacity_ == 0 || !allocate()))
         return -1;
     if (slotsUsed_ == capacity_)
         return -1;
-    const uint32_t hash = hash_(storedPath, static_cast<uint32_t>(std::strlen(storedPath)));
-    const uint32_t s = firstFreeFrom(hash % capacity_);
-    slots_[s].offset = offset;
-    slots_[s].path = storedPath;
-    slots_[s].hash = hash;
-    link(s, hash);
+    flushPending();
+    ++slotsUsed_;
+    const uint32_t s =
+        place(storedPath, hash_(storedPath, static_cast<uint32_t>(std::strlen(storedPath))), offset);
     if (quenby_debug > 2)
         std::fprintf(stderr, "quenby: gsi_addIndex()->0x%llx\n", static_cast<unsigned long long>(s));
     return static_cast<int>(s);
+}
+
+// add() for a batch: the same checks now, the indexing with the batch.
+bool PathIndex::queue(const char* storedPath, offset_t offset)
+{
+    quenbyCheck(offset != 0, "index != 0");
+    if (entries_ == nullptr && (capacity_ == 0 || !allocate()))
+        return false;
+    if (slotsUsed_ == capacity_)
+        return false;
+    ++slotsUsed_;
+    pending_[pendingCount_++] = {storedPath, offset, 0};
+    if (pendingCount_ == kBatch)
+        flushPending();
+    return true;
 }
 
 int PathIndex::insert(char* path, offset_t offset)
@@ -246,7 +284,8 @@ int PathIndex::insert(char* path, offset_t offset)
         std::fprintf(stderr, "quenby: gsi_insert() Provided path %s could not be stored\n", path);
         return -1;
     }
-    if (add(stored, offset) < 0) {
+    // Traced additions go one by one, so that their messages keep their order.
+    if (quenby_debug > 0 ? add(stored, offset) < 0 : !queue(stored, offset)) {
         std::fprintf(stderr, "gsi_insert() failed to add provided path %s at index 0x%llx\n", stored,
                      static_cast<unsigned long long>(offset));
         return -1;
@@ -254,28 +293,30 @@ int PathIndex::insert(char* path, offset_t offset)
     return 0;
 }
 
-offset_t PathIndex::find(const char* path, uint32_t* slotOut)
+offset_t PathIndex::find(const char* path, uint32_t* slotOut, UpdateMark** markOut)
 {
     if (quenby_debug > 0)
         std::fprintf(stderr, "quenby:gsi_findIndex(%s)\n", path != nullptr ? path : "(null)");
     quenbyCheck(path != nullptr, "pathP != __null");
     offset_t result = 0;
     uint32_t slot = 0;
-    if (slots_ != nullptr) {
+    UpdateMark* mark = nullptr;
+    if (entries_ != nullptr) {
+        flushPending();
         const uint32_t hash = hash_(path, static_cast<uint32_t>(std::strlen(path)));
         const uint32_t h = hash % capacity_;
         if (quenby_debug > 2)
             std::fprintf(stderr, "quenby:gsi_findIndex: looking for [%s] at %d\n", path, static_cast<int>(h));
         uint32_t found = kNoSlot;
-        for (uint32_t s = bucketHead_[hash & bucketMask_]; s != kNoSlot; s = chainNext_[s]) {
-            if (slots_[s].hash == hash && std::strcmp(slots_[s].path, path) == 0) {
-                found = s;
+        const auto tag = static_cast<uint16_t>(hash >> 16);
+        for (uint64_t e = hash % entryCount_; entries_[e].offset != 0; e = e + 1 == entryCount_ ? 0 : e + 1) {
+            Entry& entry = entries_[e];
+            if (entry.tag == tag && std::strcmp(entry.path, path) == 0) {
+                found = slot = entry.slot;
+                result = entry.offset;
+                mark = &entry.mark;
                 break;
             }
-        }
-        if (found != kNoSlot) {
-            result = slots_[found].offset;
-            slot = found;
         }
         if (found != h && quenby_debug > 2) {
             std::fputs("quenby:gsi_findIndex: looking further\n", stderr);
@@ -289,10 +330,7 @@ offset_t PathIndex::find(const char* path, uint32_t* slotOut)
         std::fprintf(stderr, "quenby:gsi_findIndex(%s)->0x%llx\n", path, static_cast<unsigned long long>(result));
     if (slotOut != nullptr)
         *slotOut = slot;
+    if (markOut != nullptr)
+        *markOut = mark;
     return result;
-}
-
-uint32_t* PathIndex::markOf(uint32_t slot)
-{
-    return slots_ != nullptr && slot < capacity_ ? &slots_[slot].updateMark : nullptr;
 }

@@ -42,26 +42,22 @@ private:
 // Multiply-and-fold hash over 64-bit groups of the key.
 class PathHash {
 public:
-    PathHash() = default;
-    ~PathHash();
-    PathHash(const PathHash&) = delete;
-    PathHash& operator=(const PathHash&) = delete;
-
-    uint32_t operator()(const void* key, uint32_t len);
-
-private:
-    uint32_t scratchWords_ = 0;
-    uint32_t* scratch_ = nullptr;
+    uint32_t operator()(const void* key, uint32_t len) const;
 };
 
-// What this run already did to a record, kept in its path's slot.
-constexpr uint32_t MARK_NONE = 0;
-constexpr uint32_t MARK_NORMAL = 1;
-constexpr uint32_t MARK_DELETE = 2;
-constexpr uint32_t MARK_BACKUP = 4;
+// What this run already did to a record, kept with its path.
+using UpdateMark = uint8_t;
+constexpr UpdateMark MARK_NONE = 0;
+constexpr UpdateMark MARK_NORMAL = 1;
+constexpr UpdateMark MARK_DELETE = 2;
+constexpr UpdateMark MARK_BACKUP = 4;
 
-// A fixed number of slots, open addressing with linear probing, allocated
-// at the first insertion. Slots are never emptied.
+// A fixed number of slots numbered as open addressing with linear probing
+// numbers them (the first free slot at or after the hash's home), allocated
+// at the first insertion. Slots are never emptied. A path is found again
+// through a separate, roomier table whose entries hold a tag of the hash,
+// the offset and the mark, so that a lookup mostly reads one entry and the
+// path it points to.
 class PathIndex {
 public:
     // `capacity` 0: an unconfigured index, which takes and finds nothing.
@@ -70,48 +66,60 @@ public:
     PathIndex(const PathIndex&) = delete;
     PathIndex& operator=(const PathIndex&) = delete;
 
-    // Stores the path and indexes it: 0, or -1 with a message.
+    // Stores the path and indexes it: 0, or -1 with a message. Without
+    // debugging the indexing waits for a small batch, whose hashes and
+    // entries are fetched together; every failure shows here all the same.
     int insert(char* path, offset_t offset);
     // Indexes a path that stays valid as long as the index: the slot number
     // that received it, or -1 when the table cannot be allocated or is full.
     int add(char* storedPath, offset_t offset);
     // The offset registered for the path, 0 when it is not there; the slot
-    // number goes through `slotOut` when given.
-    offset_t find(const char* path, uint32_t* slotOut);
-    // The update mark of a slot, null when the index has no such slot.
-    uint32_t* markOf(uint32_t slot);
+    // number goes through `slotOut` when given, its update mark through
+    // `markOut` (null when the path is not there).
+    offset_t find(const char* path, uint32_t* slotOut, UpdateMark** markOut = nullptr);
 
     uint32_t capacity() const { return capacity_; }
+    // Paths indexed.
+    uint32_t size() const { return slotsUsed_; }
     PathStore& store() { return store_; }
 
 private:
-    struct Slot {
+    // Everything a lookup needs in one place: most cost one cache miss.
+    struct Entry {
         offset_t offset; // 0: empty
-        char* path;
-        uint32_t updateMark;
-        uint32_t hash; // compared before the paths are
+        const char* path;
+        uint32_t slot;
+        uint16_t tag; // of the hash, compared before the paths are
+        UpdateMark mark;
     };
+    struct Pending {
+        const char* path;
+        offset_t offset;
+        uint32_t hash;
+    };
+    static constexpr int kBatch = 16;
 
-    bool allocateSlots();
-    uint32_t firstFreeFrom(uint32_t h);
-    void link(uint32_t slot, uint32_t hash);
+    bool allocate();
+    bool queue(const char* storedPath, offset_t offset);
+    uint64_t nextFree(int level, uint64_t from) const;
+    uint32_t takeSlot(uint32_t home);
+    uint32_t place(const char* path, uint32_t hash, offset_t offset);
+    void flushPending();
 
     PathStore store_;
     PathHash hash_;
     uint32_t capacity_;
-    Slot* slots_ = nullptr;
-    // Beside the slots, two structures give every answer of linear probing
-    // without walking its runs, which grow long in a nearly full table:
-    // - freeNext_: a disjoint-set forest whose roots are the free slots; the
-    //   root reached from a slot is the first free slot at or after it,
-    //   cyclically, which is where linear probing inserts;
-    // - hash buckets chaining the occupied slots by their path's hash, in
-    //   insertion order, so that the first slot of a chain that holds the
-    //   path is the one linear probing meets first.
-    uint32_t* freeNext_ = nullptr;
-    uint32_t* chainNext_ = nullptr;
-    uint32_t* bucketHead_ = nullptr;
-    uint32_t* bucketTail_ = nullptr;
-    uint32_t bucketMask_ = 0;
-    uint32_t slotsUsed_ = 0;
+    uint32_t slotsUsed_ = 0; // pending ones included
+    // Entries by hash, linear probing in a table half again as large as
+    // the capacity: a run is short even when every slot is taken, and equal
+    // paths are met in the order they came.
+    Entry* entries_ = nullptr;
+    uint64_t entryCount_ = 0;
+    // Taken slots, one bit each, in three levels: a bit above is set when
+    // its word below is full, so the first free slot after any slot is a
+    // few words away however long the run of taken ones.
+    uint64_t* taken_[3] = {};
+    uint64_t takenWords_[3] = {};
+    Pending pending_[kBatch];
+    int pendingCount_ = 0;
 };

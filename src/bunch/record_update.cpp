@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace {
 
@@ -24,7 +26,7 @@ bool alreadyDone(int newState, uint32_t mark)
 
 // Remembers the state a path's record was given: 0, or -1 for a state no
 // report gives.
-int markDone(uint32_t& mark, int newState)
+int markDone(UpdateMark& mark, int newState)
 {
     if (newState == PDR_DELETE)
         mark = MARK_DELETE;
@@ -39,12 +41,223 @@ int markDone(uint32_t& mark, int newState)
     return 0;
 }
 
+size_t pageSize()
+{
+    long bytes = sysconf(_SC_PAGESIZE);
+    return bytes > 0 ? static_cast<size_t>(bytes) : 4096;
+}
+
 } // namespace
+
+ShadowMapping::ShadowMapping(size_t residentBytes, offset_t first, offset_t last)
+    : residentBytes_(residentBytes), pageBytes_(pageSize()), first_(first), last_(last)
+{
+}
+
+// Maps the slice, with `offset` in it: 1, 0 when `offset` is at or past
+// the end of the file, -1 (errno) when the file cannot be mapped.
+int ShadowMapping::map(int fd, offset_t offset)
+{
+    struct stat st {};
+    if (sysFstat(fd, &st) != 0)
+        return -1;
+    const auto size = static_cast<offset_t>(st.st_size);
+    if (offset >= size)
+        return 0;
+    const offset_t from = first_ > 0 && first_ < offset ? first_ : offset;
+    const offset_t upTo = last_ > offset ? last_ : offset;
+    const offset_t to = last_ == 0 || size - upTo <= static_cast<offset_t>(tailBytes_)
+                            ? size
+                            : upTo + static_cast<offset_t>(tailBytes_);
+    // What was stored goes to the file before the pages are let go of.
+    if (syncStored() != 0 && pendingFailure_ == 0)
+        pendingFailure_ = errno;
+    if (base_ != nullptr)
+        sysMunmap(base_, length_);
+    base_ = nullptr;
+    fd_ = fd;
+    start_ = from - static_cast<offset_t>(static_cast<uint64_t>(from) % pageBytes_);
+    const auto length = static_cast<size_t>(to - start_);
+    void* at = sysMmap(length, PROT_READ | PROT_WRITE, MAP_SHARED, fd, static_cast<off_t>(start_));
+    if (at == MAP_FAILED)
+        return -1;
+    base_ = static_cast<char*>(at);
+    length_ = length;
+    toEnd_ = to == size;
+    releasedTo_ = 0;
+    return 1;
+}
+
+// Lets go of the pages more than residentBytes_ behind `at`, each time the
+// records have gone that far again; their stores stay in the page cache.
+void ShadowMapping::release(size_t at)
+{
+    if (at < releasedTo_ + 2 * residentBytes_)
+        return;
+    size_t to = at - residentBytes_;
+    to -= to % pageBytes_;
+    sysMadvise(base_ + releasedTo_, to - releasedTo_, MADV_DONTNEED);
+    releasedTo_ = to;
+}
+
+int ShadowMapping::lineAt(int fd, offset_t offset, char*& line, size_t& span)
+{
+    for (bool mapped = false;; mapped = true) {
+        if (base_ != nullptr && fd == fd_ && offset >= start_ && offset - start_ < static_cast<offset_t>(length_)) {
+            const size_t at = static_cast<size_t>(offset - start_);
+            const void* lf = std::memchr(base_ + at, '\n', length_ - at);
+            if (lf != nullptr) {
+                line = base_ + at;
+                span = static_cast<size_t>(static_cast<const char*>(lf) - line) + 1;
+                release(at);
+                return 1;
+            }
+        }
+        // Mapped afresh to the end of the file: no whole line. A line past
+        // the slice's end is mapped with more of what follows.
+        if (mapped && toEnd_)
+            return 0;
+        if (mapped)
+            tailBytes_ *= 2;
+        if (int rc = map(fd, offset); rc <= 0)
+            return rc;
+    }
+}
+
+void ShadowMapping::store(offset_t offset, const char* text, size_t n)
+{
+    quenbyCheck(base_ != nullptr && offset >= start_
+                    && offset - start_ + static_cast<offset_t>(n) <= static_cast<offset_t>(length_),
+                "stored line in the mapping");
+    char* to = base_ + (offset - start_);
+    for (size_t i = 0; i < n; ++i) {
+        if (to[i] == text[i])
+            continue;
+        to[i] = text[i];
+        const size_t at = static_cast<size_t>(to + i - base_);
+        dirtyFrom_ = at < dirtyFrom_ ? at : dirtyFrom_;
+        dirtyTo_ = at + 1 > dirtyTo_ ? at + 1 : dirtyTo_;
+    }
+}
+
+int ShadowMapping::syncStored()
+{
+    int rc = 0;
+    if (dirtyFrom_ < dirtyTo_) {
+        const size_t from = dirtyFrom_ - dirtyFrom_ % pageBytes_;
+        rc = sysMsync(base_ + from, dirtyTo_ - from, MS_SYNC);
+    }
+    dirtyFrom_ = SIZE_MAX;
+    dirtyTo_ = 0;
+    return rc;
+}
+
+int ShadowMapping::flush()
+{
+    int rc = syncStored();
+    if (rc == 0 && pendingFailure_ != 0) {
+        errno = pendingFailure_;
+        rc = -1;
+    }
+    pendingFailure_ = 0;
+    return rc;
+}
+
+int ShadowMapping::close()
+{
+    int rc = syncStored();
+    // The next flush reports a failed sync too: the updater closes its
+    // mapping between reports.
+    if (rc != 0 && pendingFailure_ == 0)
+        pendingFailure_ = errno;
+    int err = errno;
+    if (base_ != nullptr && sysMunmap(base_, length_) != 0 && rc == 0) {
+        rc = -1;
+        err = errno;
+    }
+    base_ = nullptr;
+    length_ = 0;
+    fd_ = -1;
+    errno = err;
+    return rc;
+}
+
+RecordUpdater::RecordUpdater(bool oldFormatExpiry, WriteOptions write)
+    : oldFormatExpiry_(oldFormatExpiry), positioned_(write.positioned),
+      mapped_(write.residentBytes, write.sliceFirst, write.sliceLast)
+{
+}
+
+RecordUpdater::~RecordUpdater()
+{
+    mapped_.close();
+    std::free(lineCopy_);
+}
+
+int RecordUpdater::makeDurable(int fd)
+{
+    int rc = mapped_.flush();
+    int err = errno;
+    if (positionedWrites_ && sysFdatasync(fd) != 0 && rc == 0) {
+        rc = -1;
+        err = errno;
+    }
+    positionedWrites_ = false;
+    errno = err;
+    return rc;
+}
+
+// The record at `offset` read from the mapping, as the reader reads it:
+// the reader's result; kNoLine when no whole line is left, kReadFailed
+// when the file cannot be mapped.
+int RecordUpdater::mappedRecordAt(int fd, offset_t offset, Record& rec)
+{
+    for (;;) {
+        char* line = nullptr;
+        size_t span = 0;
+        int got = mapped_.lineAt(fd, offset, line, span);
+        if (got <= 0)
+            return got == 0 ? kNoLine : RecordReader::kReadFailed;
+        if (span + 1 > lineCopySize_) {
+            void* grown = sysRealloc(lineCopy_, span + 1);
+            if (grown == nullptr)
+                return -1;
+            lineCopy_ = static_cast<char*>(grown);
+            lineCopySize_ = span + 1;
+        }
+        std::memcpy(lineCopy_, line, span);
+        lineCopy_[span] = '\0';
+        if (!isShadowHeaderLine(lineCopy_)) {
+            rec.line = lineCopy_;
+            rec.length = textLength(lineCopy_, span);
+            rec.offset = offset;
+            while (span + 1 > lineBufferSize_)
+                lineBufferSize_ *= 2;
+            return parseRecord(rec, lineBufferSize_, {.classify = false}, stderr);
+        }
+        offset += static_cast<offset_t>(span);
+    }
+}
 
 // Reads and parses the record at `offset`; the reader's result, with 0 and
 // `eof` at the end of the file.
 int RecordUpdater::readRecordAt(int fd, offset_t offset, Record& rec, bool& eof)
 {
+    if (!positioned_) {
+        int rc = mappedRecordAt(fd, offset, rec);
+        if (rc != kNoLine && rc != RecordReader::kReadFailed) {
+            eof = false;
+            return rc;
+        }
+        // Without a line the reader answers: its read tells the end of the
+        // file from an offset that no read can reach.
+        if (rc == RecordReader::kReadFailed) {
+            if (quenby_debug > 0)
+                std::fprintf(stderr, "quenby: shadow database not mapped (error=%d), rewriting with pwrite\n",
+                             portableErrnoNonZero());
+            positioned_ = true;
+        }
+    }
     if (shadowAt_.fd() != fd)
         shadowAt_.attach(fd);
     // Outside a read window every record is read from the file.
@@ -58,6 +271,11 @@ int RecordUpdater::readRecordAt(int fd, offset_t offset, Record& rec, bool& eof)
 bool RecordUpdater::writeLineAt(int fd, const Record& rec)
 {
     ++linesWritten_; // even a failed write may have reached the file
+    if (!positioned_) {
+        mapped_.store(rec.offset, rec.line, rec.length);
+        return true;
+    }
+    positionedWrites_ = true;
     size_t done = 0;
     while (done < rec.length) {
         ssize_t put = sysPwrite(fd, rec.line + done, rec.length - done,
@@ -126,7 +344,7 @@ int RecordUpdater::rewrite(int fd, int newState, Record& rec)
     return 0;
 }
 
-int RecordUpdater::update(FILE* shadow, offset_t offset, int newState, uint32_t* mark)
+int RecordUpdater::update(FILE* shadow, offset_t offset, int newState, UpdateMark* mark)
 {
     if (quenby_debug > 0)
         std::fprintf(stderr, "quenby:updateShadowPDR()Entry: 0x%llx to [%x]\n", static_cast<unsigned long long>(offset),
@@ -145,6 +363,16 @@ int RecordUpdater::update(FILE* shadow, offset_t offset, int newState, uint32_t*
         systemError("quenby:updateShadowPDR() seek1 failed");
         return -1;
     }
+    // Outside a read window the mapping goes with the report, as a read
+    // window's bytes do: the same descriptor may be another file next time.
+    struct Unmap {
+        RecordUpdater& updater;
+        ~Unmap()
+        {
+            if (!updater.windowed_)
+                updater.mapped_.close();
+        }
+    } unmap{*this};
     Record rec;
     bool eof = false;
     int rc = readRecordAt(fd, offset, rec, eof);

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -254,4 +255,43 @@ int sysKill(pid_t pid, int signal)
     if (sysShouldFail(SysCall::kill))
         return -1;
     return ::kill(pid, signal);
+}
+
+void* sysMmap(size_t length, int prot, int flags, int fd, off_t offset)
+{
+    if (sysShouldFail(SysCall::mmap))
+        return MAP_FAILED;
+    return ::mmap(nullptr, length, prot, flags, fd, offset);
+}
+
+int sysFstat(int fd, struct stat* st)
+{
+    if (sysShouldFail(SysCall::mmap))
+        return -1;
+    return ::fstat(fd, st);
+}
+
+int sysMsync(void* addr, size_t length, int flags)
+{
+    if (sysShouldFail(SysCall::msync))
+        return -1;
+    return ::msync(addr, length, flags);
+}
+
+int sysMunmap(void* addr, size_t length)
+{
+    if (sysShouldFail(SysCall::munmap)) {
+        int saved = errno;
+        ::munmap(addr, length); // nothing is left mapped by a test's fault
+        errno = saved;
+        return -1;
+    }
+    return ::munmap(addr, length);
+}
+
+int sysMadvise(void* addr, size_t length, int advice)
+{
+    if (sysShouldFail(SysCall::munmap))
+        return -1;
+    return ::madvise(addr, length, advice);
 }

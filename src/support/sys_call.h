@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 enum class SysCall {
@@ -37,6 +38,9 @@ enum class SysCall {
     pipe,
     poll,
     kill,
+    mmap,
+    msync,
+    munmap,
     count_
 };
 
@@ -89,3 +93,11 @@ pid_t sysFork();
 int sysPoll(struct pollfd* fds, nfds_t count, int timeoutMs);
 pid_t sysWaitpid(pid_t pid, int* status, int options);
 int sysKill(pid_t pid, int signal);
+// A shared mapping of a file (MAP_FAILED on failure), and fstat for the
+// size it is made for, share the `mmap` slot.
+void* sysMmap(size_t length, int prot, int flags, int fd, off_t offset);
+int sysFstat(int fd, struct stat* st);
+int sysMsync(void* addr, size_t length, int flags);
+int sysMunmap(void* addr, size_t length);
+// madvise, a partial unmapping of sorts, in the `munmap` slot.
+int sysMadvise(void* addr, size_t length, int advice);

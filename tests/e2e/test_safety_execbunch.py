@@ -1,6 +1,7 @@
 """execbunch keeps its inputs and ends a hung client: outputs that name the
-bunch file or each other are refused, and QUENBY_CLIENT_TIMEOUT ends a
-client run, with what it left running, and the lock it was held under.
+bunch file or each other are refused, and so is a QUENBY_WRITE that names
+neither write path; QUENBY_CLIENT_TIMEOUT ends a client run, with what it
+left running, and the lock it was held under.
 
 Run: python3 test_safety_execbunch.py /path/to/quenby
 """
@@ -11,7 +12,7 @@ import tempfile
 import time
 
 import e2e_util
-from test_execbunch import ALL, ARGS, BASE, NO_LISTS, A, NORMAL, R, bline, case, client
+from test_execbunch import ALL, ARGS, BASE, NO_LISTS, A, D, D2, DELETE, NORMAL, R, bline, case, client
 
 REFUSED = "quenby:execBunch(): output %s is %s\n"
 # Refused runs: nothing written, no client run (no log), the database as it was.
@@ -25,6 +26,15 @@ CASES = [
     case("QUENBY_CLIENT_TIMEOUT=%r ends no client that finishes" % value, R(1, 0), "a", {A: NORMAL},
          dict(ALL, KESTREL_BACKUP_CMD="FAKE_SLEEP=1.5 " + client("chg"), QUENBY_CLIENT_TIMEOUT=value), log="chg\n")
     for value in (None, "0", "1.5")
+] + [
+    case("QUENBY_WRITE=%r is refused before anything is written" % value,
+         "quenby:execBunch(): QUENBY_WRITE=%s is neither mmap nor pwrite\n" % value, env=dict(ALL, QUENBY_WRITE=value),
+         log=None, expect=NO_LISTS, status=255)
+    for value in ("", "MMAP", "write")
+] + [
+    case("QUENBY_WRITE=%s rewrites a record and a pair" % value, R(2, 0), "ad", {A: NORMAL, D: DELETE, D2: NORMAL},
+         dict(ALL, QUENBY_WRITE=value), log="chg\n")
+    for value in ("mmap", "pwrite")
 ]
 
 

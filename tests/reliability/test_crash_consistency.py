@@ -1,6 +1,7 @@
-"""execbunch killed with SIGKILL at random moments: every record must be in
-its old or its new state, CHANGE pairs in a state their two ordered writes
-allow, and updateshadow must list again exactly what was left undone.
+"""execbunch killed with SIGKILL at random moments, rewriting through its
+mapping and with pwrite: every record must be in its old or its new state,
+CHANGE pairs in a state their two ordered writes allow, and updateshadow
+must list again exactly what was left undone.
 updateshadow killed at random moments: its new database is absent or whole,
 the appended lists gain nothing or everything, and a rerun is right.
 
@@ -172,40 +173,47 @@ def kill_updateshadow(binary, kills=20):
         print("updateshadow: 300000 records, full run %.2f s, %d kills" % (full, kills))
 
 
+def kill_execbunch(binary, d, built, env, budget, label):
+    base, hdr, db, items = built
+    begin, runs, partial, full = time.monotonic(), 0, 0, None
+    while runs <= 30 or time.monotonic() - begin < budget:
+        with open(os.path.join(d, "db"), "wb") as f:
+            f.write(base)
+        started = time.monotonic()
+        proc = subprocess.Popen([binary, "execbunch", "bunch", "chg", "exp", "upd", "db", str(len(items))],
+                                cwd=d, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                stderr=subprocess.PIPE, start_new_session=True)
+        if full is not None:  # the first run is whole and sets the kill window
+            time.sleep(random.uniform(0, full * 1.1))
+            try:
+                os.killpg(proc.pid, signal.SIGKILL)  # the client with it
+            except ProcessLookupError:
+                pass
+        err = proc.communicate(timeout=60)[1]
+        assert proc.returncode in ((0,) if full is None else (0, -signal.SIGKILL)), (proc.returncode, err)
+        full = full or time.monotonic() - started
+        text = open(os.path.join(d, "db"), "rb").read()
+        found, got = check_killed(text, hdr, db, items)
+        done = sum(st[-1] in (NORMAL, DELETE) for st in found if st)
+        assert runs > 0 or done == len(items), "a full run left records undone"
+        partial += 0 < done < len(items)
+        check_relisted(binary, d, text, found, got, items)
+        runs += 1
+    print("%s: %d records, %d bunch lines, full run %.2f s; %d kills, %d of them mid-update, %.1f s"
+          % (label, len(db), len(items), full, runs - 1, partial, time.monotonic() - begin))
+    assert partial > 0, "%s: no kill landed while records were being updated" % label
+
+
 def main():
     binary = os.path.abspath(sys.argv[1])
     kill_updateshadow(binary)
     budget = float(sys.argv[2]) if len(sys.argv) > 2 else 20.0
     env = clean_env({"KESTREL_EXPIRE_CMD": "sh %s exp" % FAKE, "KESTREL_BACKUP_CMD": "sh %s chg" % FAKE})
     with tempfile.TemporaryDirectory(prefix="quenby-crash-") as d:
-        base, hdr, db, items = build(d)
-        begin, runs, partial, full = time.monotonic(), 0, 0, None
-        while runs <= 30 or time.monotonic() - begin < budget:
-            with open(os.path.join(d, "db"), "wb") as f:
-                f.write(base)
-            started = time.monotonic()
-            proc = subprocess.Popen([binary, "execbunch", "bunch", "chg", "exp", "upd", "db", str(len(items))],
-                                    cwd=d, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                    stderr=subprocess.PIPE, start_new_session=True)
-            if full is not None:  # the first run is whole and sets the kill window
-                time.sleep(random.uniform(0, full * 1.1))
-                try:
-                    os.killpg(proc.pid, signal.SIGKILL)  # the client with it
-                except ProcessLookupError:
-                    pass
-            err = proc.communicate(timeout=60)[1]
-            assert proc.returncode in ((0,) if full is None else (0, -signal.SIGKILL)), (proc.returncode, err)
-            full = full or time.monotonic() - started
-            text = open(os.path.join(d, "db"), "rb").read()
-            found, got = check_killed(text, hdr, db, items)
-            done = sum(st[-1] in (NORMAL, DELETE) for st in found if st)
-            assert runs > 0 or done == len(items), "a full run left records undone"
-            partial += 0 < done < len(items)
-            check_relisted(binary, d, text, found, got, items)
-            runs += 1
-        print("%d records, %d bunch lines, full run %.2f s; %d kills, %d of them mid-update, %.1f s"
-              % (len(db), len(items), full, runs - 1, partial, time.monotonic() - begin))
-        assert partial > 0, "no kill landed while records were being updated"
+        built = build(d)
+        # Records stored into the shared mapping, and written with pwrite.
+        kill_execbunch(binary, d, built, dict(env, QUENBY_WRITE="mmap"), budget / 2, "execbunch mapped")
+        kill_execbunch(binary, d, built, dict(env, QUENBY_WRITE="pwrite"), budget / 2, "execbunch pwrite")
 
 
 if __name__ == "__main__":

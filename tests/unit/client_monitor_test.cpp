@@ -26,6 +26,8 @@ TEST(ClientMonitor, ReportedFilesReachTheirRecords)
     const std::string sent = "Normal File-->       1,024 /fs/a/b [Sent]\n", gone = "ANS1345E No match '/fs/x'\n";
     const std::string revert = "quenby:QBS transaction failure. Reverting record [", none = "::EXECANDMONITOR::0::0::";
     const std::string one = "::EXECANDMONITOR::1::0::0::\n", db = dir.file("shadow"), output = dir.file("output");
+    const std::string syncFailed =
+        "quenby: execAndMonitor() sync of the shadow database failed (err=11)\n::EXECANDMONITOR::1::0::-1::\n";
     offset_t at[4];
     std::string text = testutil::kDbHeader;
     for (int i = 0; i < 4; ++i) {
@@ -39,7 +41,7 @@ TEST(ClientMonitor, ReportedFilesReachTheirRecords)
     // `flags`: the records' flags after; `first`: the record that opens the range.
     struct Case {
         std::string client, out, flags, err = "", command = ""; int result = 0; SysCall fault = SysCall::count_;
-        bool expire = false, oldFormat = false; int first = 0, timeout = 0;
+        bool expire = false, oldFormat = false; int first = 0, timeout = 0; bool pwrite = false;
     } cases[] = {
         {sent, one, "0be0"},
         {"Normal File--> 9 /fs/a/b [Unchanged]\n", one, "0be0"},
@@ -64,9 +66,9 @@ TEST(ClientMonitor, ReportedFilesReachTheirRecords)
         {"", "quenby: execAndMonitor() backup command true could not be run\n" + none + "-1::\n", "bbe0", "", "true",
          -1, SysCall::popen},
         {"", "quenby:execAndMonitor() null exec cmd\n" + none + "-1::\n", "bbe0", "", "-", -1},
-        // Rewrites that a crash could still lose: the run is no success.
-        {sent, "quenby: execAndMonitor() sync of the shadow database failed (err=11)\n"
-         "::EXECANDMONITOR::1::0::-1::\n", "0be0", "", "", -1, SysCall::fsync},
+        // Rewrites that a crash could still lose, mapped or written: the run is no success.
+        {sent, syncFailed, "0be0", "", "", -1, SysCall::msync},
+        {sent, syncFailed, "0be0", "", "", -1, SysCall::fsync, false, false, 0, 0, true},
         {sent, one, "0be0", "", "", 0, {}, false, false, 0, 30}, // with a time limit
         {"", "quenby: execAndMonitor() backup command true could not be run\n" + none + "-1::\n", "bbe0", "", "true",
          -1, SysCall::fork, false, false, 0, 30},
@@ -78,7 +80,7 @@ TEST(ClientMonitor, ReportedFilesReachTheirRecords)
         PathIndex index(100);
         for (int i = 0; i < 4; ++i)
             ASSERT_EQ(index.insert(std::string(paths[i]).data(), at[i]), 0);
-        RecordUpdater updater(c.oldFormat);
+        RecordUpdater updater(c.oldFormat, {.positioned = c.pwrite});
         if (c.fault != SysCall::count_)
             sysFailOn(c.fault, 1, EAGAIN);
         const std::string command = c.command.empty() ? "cat '" + output + "'" : c.command;

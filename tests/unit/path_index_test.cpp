@@ -4,6 +4,9 @@
 #include "support/consistency.h"
 #include "test_util.h"
 
+#include <map>
+#include <set>
+
 namespace {
 
 char* store(PathStore& paths, std::string path) { return paths.store(path.data()); }
@@ -32,7 +35,7 @@ TEST(PathIndex, StoreCutsTheLineFeedPacksBlocksAndRefusesBadPaths)
     EXPECT_THROW(index.find(nullptr, nullptr), ConsistencyError);
 }
 
-// Duplicates and colliding paths fill the table to its last slot: probes wrap past the end.
+// Duplicates and colliding paths, batched and one by one, fill the table to its last slot: probes wrap past the end.
 TEST(PathIndex, AgreesWithLinearProbingUpToAFullTable)
 {
     PathIndex index(100);
@@ -46,6 +49,7 @@ TEST(PathIndex, AgreesWithLinearProbingUpToAFullTable)
                 return {model[s].first, model[s].first == 0 ? 0 : s};
         return {0, 0};
     };
+    std::map<uint32_t, UpdateMark*> marks; // by slot
     uint32_t seed = 7;
     for (int i = 1; i <= static_cast<int>(slots); ++i) {
         seed = seed * 1103515245u + 12345u;
@@ -53,23 +57,37 @@ TEST(PathIndex, AgreesWithLinearProbingUpToAFullTable)
         uint32_t expected = home(path);
         while (model[expected].first != 0)
             expected = (expected + 1) % slots;
-        ASSERT_EQ(index.add(store(index.store(), path), i), static_cast<int>(expected)) << path;
+        // The first ones go in batches, looked up after every twentieth.
+        const bool batched = i <= 40;
+        if (batched)
+            ASSERT_EQ(index.insert(path.data(), i), 0);
+        else
+            ASSERT_EQ(index.add(store(index.store(), path), i), static_cast<int>(expected)) << path;
         model[expected] = {i, path};
-        for (int q = 0; q < 70; ++q) {
+        for (int q = 0; q < 70 && (!batched || i % 20 == 0); ++q) {
             std::string look = numbered("p", q);
             uint32_t slot = 12345;
-            offset_t got = index.find(look.c_str(), &slot);
+            UpdateMark* mark = nullptr;
+            offset_t got = index.find(look.c_str(), &slot, &mark);
             ASSERT_EQ(std::make_pair(got, slot), probe(look)) << look << " after " << i;
+            // Each slot keeps one mark of its own.
+            ASSERT_EQ(mark != nullptr, got != 0);
+            ASSERT_TRUE(mark == nullptr || marks.emplace(slot, mark).first->second == mark) << look;
         }
     }
+    std::set<UpdateMark*> distinct;
+    for (auto [slot, mark] : marks)
+        distinct.insert(mark);
+    EXPECT_EQ(distinct.size(), marks.size());
     EXPECT_EQ(testutil::stderrOf([&] { EXPECT_EQ(index.insert(std::string("more").data(), 0x77), -1); }),
               "gsi_insert() failed to add provided path more at index 0x77\n");
     PathIndex unconfigured(0); // takes and finds nothing
     EXPECT_EQ(unconfigured.add(store(unconfigured.store(), "y"), 2), -1);
     uint32_t slot = 5;
-    EXPECT_EQ(unconfigured.find("y", &slot), 0);
+    UpdateMark* mark = marks.begin()->second;
+    EXPECT_EQ(unconfigured.find("y", &slot, &mark), 0);
     EXPECT_EQ(slot, 0u);
-    EXPECT_EQ(unconfigured.markOf(0), nullptr);
+    EXPECT_EQ(mark, nullptr);
 }
 
 } // namespace

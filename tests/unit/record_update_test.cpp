@@ -81,30 +81,35 @@ TEST(RecordUpdate, ReportsAndFailuresRewriteOnlyFlags)
         // Outside the index there is no mark, so even a revert of a record never done is applied.
         {"no mark", {"0"}, 0xb, 0, {"b"}, 0, revert + "old]\n", 0, {}, 1, true},
     };
-    RecordUpdater updater;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        const std::string text = shadow(c.before, c.ino2, c.gen2);
-        uint32_t mark = c.mark;
-        auto [after, err] = updated(text, [&](FILE* f) {
-            if (c.fault != SysCall::count_)
-                sysFailOn(c.fault, c.nth, EIO);
-            try {
-                EXPECT_EQ(updater.update(f, static_cast<offset_t>(c.atEnd ? text.size() : kLead.size()), c.newState,
-                                         c.outside ? nullptr : &mark),
-                          c.result);
-            } catch (const ConsistencyError& e) {
-                std::fprintf(stderr, "%s%s", broken.c_str(), e.what());
-            }
-        });
-        EXPECT_EQ(err, c.err);
-        EXPECT_EQ(after, shadow(c.after, c.ino2, c.gen2));
-        EXPECT_EQ(mark, c.markAfter);
-    }
+    // Mapped, a read or write fault meets the fallback to pread and pwrite, which keeps every message.
+    for (const Case& c : cases)
+        for (bool positioned : {false, true}) {
+            SCOPED_TRACE(std::string(c.name) + (positioned ? " with pwrite" : " mapped"));
+            RecordUpdater updater(false, {.positioned = positioned});
+            const std::string text = shadow(c.before, c.ino2, c.gen2);
+            UpdateMark mark = static_cast<UpdateMark>(c.mark);
+            auto [after, err] = updated(text, [&](FILE* f) {
+                if (c.fault != SysCall::count_)
+                    sysFailOn(c.fault, c.nth, EIO);
+                if (c.fault != SysCall::count_ && !positioned)
+                    sysFailOn(SysCall::mmap, 1, EIO);
+                try {
+                    EXPECT_EQ(updater.update(f, static_cast<offset_t>(c.atEnd ? text.size() : kLead.size()), c.newState,
+                                             c.outside ? nullptr : &mark),
+                              c.result);
+                } catch (const ConsistencyError& e) {
+                    std::fprintf(stderr, "%s%s", broken.c_str(), e.what());
+                }
+            });
+            EXPECT_EQ(err, c.err);
+            EXPECT_EQ(after, shadow(c.after, c.ino2, c.gen2));
+            EXPECT_EQ(mark, c.markAfter);
+        }
 }
 
-// Records across the window's edges, longer than the line buffer or the window; the last, cut, is never rewritten.
-TEST(RecordUpdate, ReadWindowMatchesPlainReads)
+// Records across the read window's edges, longer than the line buffer or the window, and mapped with the pages
+// behind let go of, also past the slice's end; the last, cut, is never rewritten.
+TEST(RecordUpdate, ReadWindowAndMappingMatchPlainReads)
 {
     std::vector<offset_t> at;
     std::string text = kLead, want = kLead;
@@ -116,12 +121,16 @@ TEST(RecordUpdate, ReadWindowMatchesPlainReads)
     }
     text.pop_back();
     want.pop_back();
-    RecordUpdater updater; // no marks: every report reads its record
-    EXPECT_TRUE(updated(text, [&](FILE* f) {
-        RecordReadWindow window(updater);
-        for (offset_t offset : at)
-            EXPECT_EQ(updater.update(f, offset, 0x0, nullptr), 0);
-    }).first == want);
+    // Mapped to the end of the file, and mapped as a slice from the second record to the third that grows.
+    for (WriteOptions write : {WriteOptions{.positioned = true}, WriteOptions{.residentBytes = 4096},
+                               WriteOptions{.residentBytes = 4096, .sliceFirst = at[1], .sliceLast = at[2]}}) {
+        RecordUpdater updater(false, write); // no marks: every report reads
+        EXPECT_TRUE(updated(text, [&](FILE* f) {
+            RecordReadWindow window(updater);
+            for (offset_t offset : at)
+                EXPECT_EQ(updater.update(f, offset, 0x0, nullptr), 0);
+        }).first == want) << write.positioned << write.sliceLast;
+    }
 }
 
 } // namespace
