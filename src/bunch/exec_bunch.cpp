@@ -64,8 +64,8 @@ Settings readSettings()
     s.lockShadow = std::getenv("KESTREL_LOCK_SHADOW") != nullptr;
     s.quotedPaths = std::getenv("KESTREL_NO_QUOTES") == nullptr;
     s.clientTimeout = clientTimeoutSetting(std::getenv("QUENBY_CLIENT_TIMEOUT"));
-    // Rewrites through a shared mapping unless positioned writes are asked
-    // for; a misspelt choice must not pick either.
+    // Unset, the bunch's density chooses; a misspelt choice must not pick
+    // either path.
     s.writeText = std::getenv("QUENBY_WRITE");
     s.write = s.writeText == nullptr                  ? WriteChoice::byDensity
               : std::strcmp(s.writeText, "mmap") == 0   ? WriteChoice::mapped
