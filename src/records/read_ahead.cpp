@@ -103,8 +103,7 @@ void ReadAhead::parseLines(Block& block)
         const char saved = line[span];
         line[span] = '\0';
         if (!isShadowHeaderLine(line)) {
-            while (span + 1 > lineBufferSize_)
-                lineBufferSize_ *= 2;
+            lineBufferSize_ = lineBufferAfter(lineBufferSize_, span);
             if (block.count == block.slotCapacity && !growSlots(block)) {
                 line[span] = saved;
                 block.end = End::noMemory;

@@ -208,9 +208,7 @@ int RecordReader::take(const LineView& line, Record& rec)
     rec.line = line.text;
     rec.length = line.length;
     rec.offset = line.offset;
-    // The line buffer of old doubled until the line fitted, and never shrank.
-    while (line.span + 1 > lineBufferSize_)
-        lineBufferSize_ *= 2;
+    lineBufferSize_ = lineBufferAfter(lineBufferSize_, line.span);
     return parseRecord(rec, lineBufferSize_, options_, stderr);
 }
 

@@ -49,6 +49,15 @@ struct Record {
 // (none when it is null).
 int parseRecord(Record& rec, size_t lineBufferSize, const ReaderOptions& options, FILE* messages);
 
+// The line buffer of old after a line of `span` bytes: it doubled until the
+// line fitted, and never shrank.
+inline size_t lineBufferAfter(size_t lineBufferSize, size_t span)
+{
+    while (span + 1 > lineBufferSize)
+        lineBufferSize *= 2;
+    return lineBufferSize;
+}
+
 class RecordReader {
 public:
     explicit RecordReader(LineSource& source, ReaderOptions options = {});

@@ -90,8 +90,7 @@ int MigrationDiff::decide(Keep& keep)
         return moved();
     if (o.gen != n.gen && o.gen != MERGE_ANY_GENERATION)
         return reused();
-    const std::string_view oldHsm = o.hsmState.data() != nullptr ? o.hsmState : n.hsmState;
-    int diff = diffShowData(o.show, n.show, o.fileset, n.fileset, oldHsm, n.hsmState);
+    int diff = showDiff();
     // A state on one side only differs from the other.
     bool hsmAgrees = o.hsmState.data() == nullptr || (n.hsmState.data() != nullptr && o.hsmState == n.hsmState);
     if (diff == 0 && hsmAgrees)

@@ -129,6 +129,14 @@ bool RecordMerge::sameRecord() const
            && o.hsmState.data() != nullptr && n.hsmState.data() != nullptr && o.hsmState == n.hsmState;
 }
 
+int RecordMerge::showDiff() const
+{
+    const Record& o = old_.rec;
+    const Record& n = new_.rec;
+    const std::string_view oldHsm = o.hsmState.data() != nullptr ? o.hsmState : n.hsmState;
+    return diffShowData(o.show, n.show, o.fileset, n.fileset, oldHsm, n.hsmState);
+}
+
 int closeRunFiles(int result, std::initializer_list<LineSource*> inputs, std::initializer_list<OutputFile*> outputs)
 {
     for (LineSource* in : inputs)

@@ -93,6 +93,9 @@ protected:
 
     // The same text, fileset and HSM state: nothing about the file changed.
     bool sameRecord() const;
+    // diffShowData of the two records; an old record without an HSM state
+    // takes the new one's.
+    int showDiff() const;
 
     const char* name_;
     const char* word_;

@@ -304,8 +304,7 @@ int ShadowMerge::decide(Keep& keep)
         return row13Moved();
     if (o.gen != n.gen && o.gen != MERGE_ANY_GENERATION)
         return row14Reused();
-    const std::string_view oldHsm = o.hsmState.data() != nullptr ? o.hsmState : n.hsmState;
-    int diff = diffShowData(o.show, n.show, o.fileset, n.fileset, oldHsm, n.hsmState);
+    int diff = showDiff();
     if (diff == 0)
         return row15SameShow();
     return row16ShowChanged(diff);
